@@ -1,0 +1,152 @@
+#include "support/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "support/uuid.h"
+
+namespace tarnbloom {
+namespace {
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : m_fd(fd) {}
+  ~FileDescriptor() {
+    if (m_fd >= 0) ::close(m_fd);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return m_fd; }
+
+ private:
+  int m_fd;
+};
+
+void writeAll(int fd, const std::byte* data, size_t size, const std::filesystem::path& path) {
+  while (size > 0) {
+    const ssize_t written = ::write(fd, data, size);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      throw FileError(path, "write", errno);
+    }
+    data += written;
+    size -= static_cast<size_t>(written);
+  }
+}
+
+}  // namespace
+
+FileError::FileError(std::filesystem::path path, std::string action, int errnoValue)
+    : m_path(std::move(path)), m_action(std::move(action)), m_errno(errnoValue) {}
+
+std::string FileError::description() const {
+  return "Couldn’t " + m_action + " “" + m_path.filename().string() + "”: " +
+         std::strerror(m_errno) + ".";
+}
+
+std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t maxBytes) {
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) throw FileError(path, "open", errno);
+  struct stat info {};
+  if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);
+  if (S_ISDIR(info.st_mode)) throw FileError(path, "read", EISDIR);
+  if (static_cast<uint64_t>(info.st_size) > maxBytes) throw FileError(path, "read", EFBIG);
+
+  std::vector<std::byte> bytes(static_cast<size_t>(info.st_size));
+  size_t filled = 0;
+  for (;;) {
+    if (filled == bytes.size()) {
+      // The file may have grown since fstat, or be a pipe-like file with no
+      // size: keep reading in chunks up to the limit.
+      if (bytes.size() >= maxBytes) {
+        std::byte probe;
+        const ssize_t more = ::read(fd.get(), &probe, 1);
+        if (more > 0) throw FileError(path, "read", EFBIG);
+        break;
+      }
+      bytes.resize(std::min(maxBytes, std::max<size_t>(bytes.size() * 2, 1 << 16)));
+    }
+    const ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      throw FileError(path, "read", errno);
+    }
+    if (got == 0) break;
+    filled += static_cast<size_t>(got);
+  }
+  bytes.resize(filled);
+  return bytes;
+}
+
+AtomicFileWriter::AtomicFileWriter(std::filesystem::path target) : m_target(std::move(target)) {
+  const auto folder = m_target.has_parent_path() ? m_target.parent_path() : ".";
+  m_temporary = folder / ("." + m_target.filename().string() + "." + makeUuid() + ".tmp");
+  m_fd = ::open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (m_fd < 0) throw FileError(m_target, "write", errno);
+}
+
+AtomicFileWriter::~AtomicFileWriter() { cancel(); }
+
+void AtomicFileWriter::write(std::span<const std::byte> bytes) {
+  if (m_fd < 0) throw FileError(m_target, "write", EBADF);
+  writeAll(m_fd, bytes.data(), bytes.size(), m_target);
+}
+
+void AtomicFileWriter::write(std::string_view text) {
+  write(std::as_bytes(std::span(text.data(), text.size())));
+}
+
+void AtomicFileWriter::commit() {
+  if (m_fd < 0) throw FileError(m_target, "write", EBADF);
+  if (::fsync(m_fd) != 0) throw FileError(m_target, "write", errno);
+  const int fd = m_fd;
+  m_fd = -1;
+  if (::close(fd) != 0) {
+    const int error = errno;
+    ::unlink(m_temporary.c_str());
+    throw FileError(m_target, "write", error);
+  }
+  if (::rename(m_temporary.c_str(), m_target.c_str()) != 0) {
+    const int error = errno;
+    ::unlink(m_temporary.c_str());
+    throw FileError(m_target, "write", error);
+  }
+  m_temporary.clear();
+  syncFolder(m_target.has_parent_path() ? m_target.parent_path() : ".");
+}
+
+void AtomicFileWriter::cancel() {
+  if (m_fd >= 0) {
+    ::close(m_fd);
+    m_fd = -1;
+  }
+  if (!m_temporary.empty()) {
+    ::unlink(m_temporary.c_str());
+    m_temporary.clear();
+  }
+}
+
+void writeFileAtomically(const std::filesystem::path& path, std::span<const std::byte> bytes) {
+  AtomicFileWriter writer(path);
+  writer.write(bytes);
+  writer.commit();
+}
+
+void writeFileAtomically(const std::filesystem::path& path, std::string_view text) {
+  writeFileAtomically(path, std::as_bytes(std::span(text.data(), text.size())));
+}
+
+void syncFolder(const std::filesystem::path& folder) {
+  FileDescriptor fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.get() < 0) throw FileError(folder, "open", errno);
+  // Some file systems refuse fsync on folders (EINVAL); the rename has
+  // happened and there is nothing better to do there.
+  if (::fsync(fd.get()) != 0 && errno != EINVAL && errno != EROFS)
+    throw FileError(folder, "write", errno);
+}
+
+}  // namespace tarnbloom

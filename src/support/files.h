@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "support/error.h"
+
+namespace tarnbloom {
+
+// A file-system failure with the path and the system's reason.
+class FileError : public Error {
+ public:
+  FileError(std::filesystem::path path, std::string action, int errnoValue);
+  std::string description() const override;
+  const std::filesystem::path& path() const { return m_path; }
+  int errnoValue() const { return m_errno; }
+
+ private:
+  std::filesystem::path m_path;
+  std::string m_action;
+  int m_errno;
+};
+
+// Reads a whole regular file. Refuses more than maxBytes (ENOSPC-free guard
+// against a device or a file that grows without end).
+std::vector<std::byte> readWholeFile(const std::filesystem::path& path,
+                                     size_t maxBytes = size_t{4} << 30);
+
+// Writes a file so that readers see either the old content or the new, never
+// a mixture: a temporary file in the same folder, fsync, rename over the
+// target, fsync of the folder. Destroying the writer without commit() removes
+// the temporary file.
+class AtomicFileWriter {
+ public:
+  explicit AtomicFileWriter(std::filesystem::path target);
+  ~AtomicFileWriter();
+  AtomicFileWriter(const AtomicFileWriter&) = delete;
+  AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
+
+  void write(std::span<const std::byte> bytes);
+  void write(std::string_view text);
+  void commit();
+  void cancel();
+
+  const std::filesystem::path& temporaryPath() const { return m_temporary; }
+
+ private:
+  std::filesystem::path m_target;
+  std::filesystem::path m_temporary;
+  int m_fd = -1;
+};
+
+void writeFileAtomically(const std::filesystem::path& path, std::span<const std::byte> bytes);
+void writeFileAtomically(const std::filesystem::path& path, std::string_view text);
+
+// fsync of a folder, so that a rename or a new entry in it survives a crash.
+void syncFolder(const std::filesystem::path& folder);
+
+}  // namespace tarnbloom

@@ -1,0 +1,65 @@
+#include "support/sha256.h"
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <cstdio>
+#include <stdexcept>
+
+#include "support/c_handle.h"
+
+namespace tarnbloom {
+namespace {
+
+using DigestContext = CHandle<EVP_MD_CTX, EVP_MD_CTX_free>;
+
+class Sha256 {
+ public:
+  Sha256() : m_ctx(EVP_MD_CTX_new()) {
+    if (!m_ctx || EVP_DigestInit_ex(m_ctx.get(), EVP_sha256(), nullptr) != 1)
+      throw std::runtime_error("SHA-256 is unavailable");
+  }
+  void update(const void* data, size_t size) {
+    if (size && EVP_DigestUpdate(m_ctx.get(), data, size) != 1)
+      throw std::runtime_error("SHA-256 update failed");
+  }
+  std::string hex() {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(m_ctx.get(), digest.data(), &length) != 1)
+      throw std::runtime_error("SHA-256 final failed");
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(length * 2);
+    for (unsigned int i = 0; i < length; ++i) {
+      text.push_back(kHex[digest[i] >> 4]);
+      text.push_back(kHex[digest[i] & 15]);
+    }
+    return text;
+  }
+
+ private:
+  DigestContext m_ctx;
+};
+
+}  // namespace
+
+std::string sha256Hex(std::span<const std::byte> bytes) {
+  Sha256 sha;
+  sha.update(bytes.data(), bytes.size());
+  return sha.hex();
+}
+
+std::optional<std::string> sha256OfFile(const std::filesystem::path& path) {
+  CHandle<FILE, fclose> file(std::fopen(path.c_str(), "rb"));
+  if (!file) return std::nullopt;
+  Sha256 sha;
+  std::array<char, 1 << 16> buffer;
+  size_t got = 0;
+  while ((got = std::fread(buffer.data(), 1, buffer.size(), file.get())) > 0)
+    sha.update(buffer.data(), got);
+  if (std::ferror(file.get())) return std::nullopt;
+  return sha.hex();
+}
+
+}  // namespace tarnbloom
