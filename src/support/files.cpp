@@ -1,6 +1,7 @@
 #include "support/files.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -80,6 +81,26 @@ std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t m
   }
   bytes.resize(filled);
   return bytes;
+}
+
+MappedFile::MappedFile(const std::filesystem::path& path) {
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) throw FileError(path, "open", errno);
+  struct stat info {};
+  if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);
+  if (!S_ISREG(info.st_mode)) throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
+  m_size = static_cast<size_t>(info.st_size);
+  if (m_size == 0) return;
+  m_data = ::mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, fd.get(), 0);
+  if (m_data == MAP_FAILED) {
+    m_data = nullptr;
+    m_size = 0;
+    throw FileError(path, "read", errno);
+  }
+}
+
+MappedFile::~MappedFile() {
+  if (m_data) ::munmap(m_data, m_size);
 }
 
 AtomicFileWriter::AtomicFileWriter(std::filesystem::path target) : m_target(std::move(target)) {

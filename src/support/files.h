@@ -29,6 +29,21 @@ class FileError : public Error {
 std::vector<std::byte> readWholeFile(const std::filesystem::path& path,
                                      size_t maxBytes = size_t{4} << 30);
 
+// A read-only view of a whole file without reading it: pages come in only as
+// they are touched, so a header probe of a 50 MB raw file reads kilobytes.
+class MappedFile {
+ public:
+  explicit MappedFile(const std::filesystem::path& path);  // throws FileError
+  ~MappedFile();
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+  std::span<const std::byte> bytes() const { return {static_cast<const std::byte*>(m_data), m_size}; }
+
+ private:
+  void* m_data = nullptr;
+  size_t m_size = 0;
+};
+
 // Writes a file so that readers see either the old content or the new, never
 // a mixture: a temporary file in the same folder, fsync, rename over the
 // target, fsync of the folder. Destroying the writer without commit() removes

@@ -3,6 +3,8 @@
 #include <langinfo.h>
 #include <locale.h>
 
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
@@ -63,5 +65,26 @@ std::string groupedNumber(int64_t value, const std::string& localeName) {
 }
 
 std::string groupedNumber(int64_t value) { return groupedNumber(value, userLocaleName()); }
+
+std::string byteCountText(uint64_t bytes) {
+  if (bytes == 1) return "1 byte";
+  if (bytes < 1000) return std::to_string(bytes) + " bytes";
+  if (bytes < 1000 * 1000) return std::to_string((bytes + 500) / 1000) + " KB";
+  static constexpr const char* kUnits[] = {"MB", "GB", "TB", "PB", "EB"};
+  double value = static_cast<double>(bytes) / 1e6;
+  int unit = 0;
+  // Round first, so 999.96 MB reads "1 GB" and not "1000.0 MB".
+  while (unit < 4 && std::round(value * 10) / 10 >= 1000) {
+    value /= 1000;
+    ++unit;
+  }
+  char text[32];
+  const double rounded = std::round(value * 10) / 10;
+  if (rounded == std::floor(rounded))
+    std::snprintf(text, sizeof text, "%.0f %s", rounded, kUnits[unit]);
+  else
+    std::snprintf(text, sizeof text, "%.1f %s", rounded, kUnits[unit]);
+  return text;
+}
 
 }  // namespace tarnbloom
