@@ -1,0 +1,37 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tarnbloom::bench {
+
+// An RGB photo in memory, 8 bits per channel.
+struct Photo {
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> rgb;
+};
+
+// A bundled sample photo (samples/NAME), decoded with libjpeg-turbo.
+Photo samplePhoto(const std::string& jpegName);
+
+// `photo` scaled to width × height by bilinear interpolation plus a little
+// deterministic grain, so a large JPEG of it compresses like a real photo
+// rather than like a smooth upscale.
+Photo scaledPhoto(const Photo& photo, int width, int height);
+
+std::vector<uint8_t> encodeJpeg(const Photo& photo, int quality);
+void writePng(const std::filesystem::path& path, const Photo& photo);
+void writeFile(const std::filesystem::path& path, const std::vector<uint8_t>& bytes);
+
+// Peak resident memory of this process so far, in MiB.
+double peakRssMiB();
+
+inline double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace tarnbloom::bench
