@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cli/exit_codes.h"
+#include "cli/enlarge_command.h"
 #include "cli/info_command.h"
 
 namespace {
@@ -15,9 +16,12 @@ constexpr const char* kUsage =
     "Usage: tarnbloom COMMAND [OPTIONS] FILE...\n"
     "\n"
     "Commands:\n"
+    "  enlarge --method exact --size SIZE --out DIR [--format png|jpeg] [--quality N] FILE...\n"
+    "                          enlarge each file into DIR, never replacing anything\n"
+    "                          SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"
-    "Exit status: 0 success, 1 usage error, 3 a file was refused.\n";
+    "Exit status: 0 success, 1 usage error, 2 some files failed, 3 every file failed or was refused.\n";
 
 }  // namespace
 
@@ -39,6 +43,7 @@ int main(int argc, char** argv) {
     return tarnbloom::cli::kExitSuccess;
   }
   if (command == "info") return tarnbloom::cli::runInfo(arguments);
+  if (command == "enlarge") return tarnbloom::cli::runEnlarge(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;
 }

@@ -1,17 +1,72 @@
 #pragma once
 
+#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <optional>
 
 #include "codec/pixel_buffer.h"
+#include "engine/float_image.h"
+#include "engine/resample_method.h"
 #include "engine/source_image.h"
 
 namespace tarnbloom {
 
-// The imaging engine's entry points. Loading is a free function of its
-// arguments and may run on any thread.
+class OutputConverter;
+
+// How a render's result is to be stored.
+struct RenderOutput {
+  // Keep the source's colour space (grey stays grey); else sRGB.
+  bool keepProfile = true;
+  bool sixteenBit = false;
+  // Composite onto this linear sRGB colour instead of keeping alpha.
+  std::optional<std::array<float, 3>> flatten;
+};
+
+// Called with (done, total) bands; and polled between bands.
+using RenderProgress = std::function<void(int64_t done, int64_t total)>;
+
+// A rectangle of the output, in output pixels.
+struct OutputRect {
+  int64_t x = 0, y = 0, width = 0, height = 0;
+};
+
+// The imaging engine: one per loaded source. Building it converts the
+// source once to linear light; renders then only read it, so previews and
+// an export may run at once. The static entry points are free functions of
+// their arguments and may run on any thread.
 class ResampleEngine {
  public:
+  static constexpr int kMargin = 6;
+  static constexpr uint64_t maxOutputBytes = 1'600'000'000;
+
+  // Converts the upright source to premultiplied extended linear sRGB.
+  explicit ResampleEngine(SourceImage source);
+
+  const SourceImage& source() const { return m_source; }
+  // The upright source in the working format.
+  const FloatImage& linear() const { return m_linear; }
+
+  ResampleTarget targetSize(double scale) const;
+
+  // The full-size render of an export. Throws EngineError: tooLarge before
+  // anything is rendered, cancelled when `cancel` is set between bands
+  // (nothing is returned), vImage for resampler failures.
+  codec::PixelBuffer exportImage(ResampleTarget target, ResampleMethod method,
+                                 const RenderOutput& output, const RenderProgress& progress = {},
+                                 const std::atomic<bool>* cancel = nullptr,
+                                 int64_t bandBudgetOverride = 0) const;
+
+  // Only `rect` of the output at `target` size, 8 bits, for the compare view.
+  codec::PixelBuffer previewTile(ResampleTarget target, OutputRect rect, ResampleMethod method,
+                                 bool keepProfile) const;
+
+  // Extra output rows of context each band renders above and below itself.
+  static int margin(ResampleMethod method, double scale);
+  static int64_t bandBudget(ResampleMethod method);
+  static int64_t workingBytesPerPixel(ResampleMethod method, double scaleX, double scaleY,
+                                      bool fractional);
+
   // Reads the file once, hashes those bytes and decodes frame 0 from them.
   // Throws EngineError: unreadable, unsupportedFormat (GIF), multiFrame,
   // animatedWebP, unsupportedDepth.
@@ -33,6 +88,17 @@ class ResampleEngine {
   // Draws a bitmap upright for EXIF orientation 1...8; throws EngineError
   // (vImage, "orientation") for any other value.
   static codec::PixelBuffer applyOrientation(const codec::PixelBuffer& image, uint32_t orientation);
+
+ private:
+  // Renders output columns [x0, x0+width) of rows [y0, y1) with margin rows
+  // of context into floats, and converts them into `out`, output row y
+  // going to out row y - outRowOffset.
+  void renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0, int64_t y1,
+                  ResampleMethod method, const OutputConverter& converter,
+                  codec::PixelBuffer& out, int64_t outRowOffset) const;
+
+  SourceImage m_source;
+  FloatImage m_linear;
 };
 
 }  // namespace tarnbloom

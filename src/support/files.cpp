@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "support/uuid.h"
@@ -138,6 +139,30 @@ void AtomicFileWriter::commit() {
   }
   m_temporary.clear();
   syncFolder(m_target.has_parent_path() ? m_target.parent_path() : ".");
+}
+
+bool AtomicFileWriter::commitWithoutReplacing() {
+  if (m_fd >= 0) {
+    if (::fsync(m_fd) != 0) throw FileError(m_target, "write", errno);
+    const int fd = m_fd;
+    m_fd = -1;
+    if (::close(fd) != 0) throw FileError(m_target, "write", errno);
+  }
+  if (m_temporary.empty()) throw FileError(m_target, "write", EBADF);
+  // renameat2 refuses to replace atomically; file systems without it get a
+  // hard link, which also fails when the name is taken.
+  if (::renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_target.c_str(), RENAME_NOREPLACE) != 0) {
+    if (errno == EEXIST) return false;
+    if (errno != EINVAL && errno != ENOSYS) throw FileError(m_target, "write", errno);
+    if (::link(m_temporary.c_str(), m_target.c_str()) != 0) {
+      if (errno == EEXIST) return false;
+      throw FileError(m_target, "write", errno);
+    }
+    ::unlink(m_temporary.c_str());
+  }
+  m_temporary.clear();
+  syncFolder(m_target.has_parent_path() ? m_target.parent_path() : ".");
+  return true;
 }
 
 void AtomicFileWriter::cancel() {

@@ -58,6 +58,11 @@ class AtomicFileWriter {
   void write(std::span<const std::byte> bytes);
   void write(std::string_view text);
   void commit();
+  // Publishes only if nothing exists at the target yet; false (and the
+  // temporary file kept for another try) when something does.
+  bool commitWithoutReplacing();
+  // Moves the publication to another name before committing.
+  void retarget(std::filesystem::path target) { m_target = std::move(target); }
   void cancel();
 
   const std::filesystem::path& temporaryPath() const { return m_temporary; }

@@ -1,0 +1,122 @@
+// Rendering: the source in linear light, enlarged band by band.
+
+#include <algorithm>
+#include <cmath>
+
+#include "engine/colour_conversion.h"
+#include "engine/engine_error.h"
+#include "engine/lanczos_resampler.h"
+#include "engine/resample_engine.h"
+
+namespace tarnbloom {
+
+ResampleEngine::ResampleEngine(SourceImage source) : m_source(std::move(source)) {
+  if (!m_source.bitmap) throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
+  if (m_source.orientation == 1) {
+    m_linear = convertToLinear(*m_source.bitmap, m_source.colorSpace);
+  } else {
+    const codec::PixelBuffer upright = applyOrientation(*m_source.bitmap, m_source.orientation);
+    m_linear = convertToLinear(upright, m_source.colorSpace);
+  }
+}
+
+ResampleTarget ResampleEngine::targetSize(double scale) const {
+  return {std::max<int64_t>(1, std::llround(scale * static_cast<double>(m_linear.width))),
+          std::max<int64_t>(1, std::llround(scale * static_cast<double>(m_linear.height)))};
+}
+
+int ResampleEngine::margin(ResampleMethod method, double scale) { return kMargin; }
+
+int64_t ResampleEngine::bandBudget(ResampleMethod method) {
+  return method == ResampleMethod::clarity ? 288'000'000 : 256'000'000;
+}
+
+int64_t ResampleEngine::workingBytesPerPixel(ResampleMethod method, double scaleX, double scaleY,
+                                             bool fractional) {
+  const double s = std::max(scaleY, 0.0001);
+  int64_t bytes = fractional ? static_cast<int64_t>(std::ceil(16.0 / s)) + 16 : 16;
+  if (method == ResampleMethod::clarity)
+    bytes += 24 + static_cast<int64_t>(std::ceil(44.0 / std::max(scaleX * scaleY, 0.0001)));
+  return bytes;
+}
+
+void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0,
+                                int64_t y1, ResampleMethod method, const OutputConverter& converter,
+                                codec::PixelBuffer& out, int64_t outRowOffset) const {
+  const auto [sx, sy] = target.scale(m_linear.width, m_linear.height);
+  const int m = margin(method, std::max(sx, sy));
+  const int64_t top = std::max<int64_t>(0, y0 - m);
+  const int64_t bottom = std::min<int64_t>(target.height, y1 + m);
+  FloatImage band;
+  try {
+    band = FloatImage(width, bottom - top, 4);
+  } catch (const std::bad_alloc&) {
+    throw EngineError::vImage("resample scratch", kResamplerMemoryAllocationError);
+  }
+  LanczosResampler::resampleRGBA(m_linear, 0, 0, m_linear.width, m_linear.height, target.width,
+                                 target.height, x0, top, band);
+  // The context rows are cropped off here: only [y0, y1) is stored.
+#pragma omp parallel for schedule(static)
+  for (int64_t y = y0; y < y1; ++y)
+    converter.convertRow(band.row(y - top), width, out.row(static_cast<int>(y - outRowOffset)));
+}
+
+codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMethod method,
+                                               const RenderOutput& output,
+                                               const RenderProgress& progress,
+                                               const std::atomic<bool>* cancel,
+                                               int64_t bandBudgetOverride) const {
+  const uint64_t bytesPerPixel = output.sixteenBit ? 8 : 4;
+  uint64_t pixels = 0, bytes = 0;
+  if (target.width < 1 || target.height < 1 ||
+      __builtin_mul_overflow(static_cast<uint64_t>(target.width), static_cast<uint64_t>(target.height), &pixels) ||
+      __builtin_mul_overflow(pixels, bytesPerPixel, &bytes) || bytes > maxOutputBytes)
+    throw EngineError::tooLarge(target.width, target.height, bytes ? bytes : UINT64_MAX);
+
+  // Keeping the profile keeps a grey source grey; sRGB output is RGB.
+  const codec::ColourSpace space =
+      output.keepProfile ? m_source.colorSpace : codec::ColourSpace::forFrame({}, false);
+  OutputConverter converter(space, output.sixteenBit, m_source.hasAlpha && !output.flatten);
+  if (output.flatten) converter.setFlatten(*output.flatten);
+
+  codec::PixelBuffer result;
+  try {
+    result.allocate(static_cast<int>(target.width), static_cast<int>(target.height), converter.channels(),
+                    converter.format());
+  } catch (const std::exception&) {
+    throw EngineError::tooLarge(target.width, target.height, bytes);
+  }
+
+  const auto [sx, sy] = target.scale(m_linear.width, m_linear.height);
+  const bool fractional = !target.integralFactor(m_linear.width, m_linear.height).has_value();
+  const int64_t budget = bandBudgetOverride > 0 ? bandBudgetOverride : bandBudget(method);
+  const int64_t perRow = target.width * workingBytesPerPixel(method, sx, sy, fractional);
+  const int64_t rowsPerBand = std::max<int64_t>(1, budget / std::max<int64_t>(perRow, 1));
+  const int64_t bands = (target.height + rowsPerBand - 1) / rowsPerBand;
+
+  for (int64_t b = 0; b < bands; ++b) {
+    if (cancel && cancel->load()) throw EngineError::cancelled();
+    const int64_t y0 = b * rowsPerBand;
+    const int64_t y1 = std::min(target.height, y0 + rowsPerBand);
+    renderRows(target, 0, target.width, y0, y1, method, converter, result, 0);
+    if (progress) progress(b + 1, bands);
+  }
+  if (cancel && cancel->load()) throw EngineError::cancelled();
+  return result;
+}
+
+codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect rect,
+                                               ResampleMethod method, bool keepProfile) const {
+  if (rect.width < 1 || rect.height < 1 || rect.x < 0 || rect.y < 0 ||
+      rect.x + rect.width > target.width || rect.y + rect.height > target.height)
+    throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
+  codec::ColourSpace space = keepProfile ? m_source.colorSpace : codec::ColourSpace::forFrame({}, false);
+  OutputConverter converter(space, false, m_source.hasAlpha);
+  codec::PixelBuffer tile;
+  tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
+                converter.format());
+  renderRows(target, rect.x, rect.width, rect.y, rect.y + rect.height, method, converter, tile, rect.y);
+  return tile;
+}
+
+}  // namespace tarnbloom
