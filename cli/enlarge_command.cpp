@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <chrono>
+#include <cstdlib>
 #include <cmath>
 #include <cstdio>
 #include <iostream>
@@ -139,8 +141,31 @@ std::filesystem::path publish(const std::filesystem::path& folder, const std::st
   throw EngineError::encode(folder / (stem + extension));
 }
 
+// Where an enlargement's time goes, printed when TARNBLOOM_TIMINGS is set.
+class PhaseTimer {
+ public:
+  PhaseTimer() : m_enabled(std::getenv("TARNBLOOM_TIMINGS") != nullptr) {}
+  void mark(const char* phase) {
+    const auto now = std::chrono::steady_clock::now();
+    if (m_enabled)
+      m_line += std::string(m_line.empty() ? "" : "  ") + phase + " " +
+                std::to_string(std::chrono::duration<double>(now - m_last).count()).substr(0, 5) + " s";
+    m_last = now;
+  }
+  ~PhaseTimer() {
+    if (m_enabled) std::cerr << "timings: " << m_line << '\n';
+  }
+
+ private:
+  bool m_enabled;
+  std::string m_line;
+  std::chrono::steady_clock::time_point m_last = std::chrono::steady_clock::now();
+};
+
 void enlargeOne(const Options& options, const std::filesystem::path& file, bool showProgress) {
+  PhaseTimer timer;
   SourceImage source = ResampleEngine::load(file);
+  timer.mark("load");
   const std::string format =
       options.format.value_or(source.container == codec::Container::jpeg ? "jpeg" : "png");
   const ResolvedSize size = DimensionResolver::resolve(
@@ -157,15 +182,19 @@ void enlargeOne(const Options& options, const std::filesystem::path& file, bool 
   const std::string stem = file.stem().string() + "-" + std::string(rawValue(options.method)) + "-" +
                            scaleLabel(size.scaleFactor);
   const ResampleEngine engine(std::move(source));
+  timer.mark("linearise");
   RenderProgressLine line(file.filename().string(), showProgress);
   const codec::PixelBuffer image = engine.exportImage(
       {size.width, size.height}, options.method, output,
       [&](int64_t done, int64_t total) { line.update(done, total); });
   line.finish();
+  timer.mark("render");
 
   const auto bytes = format == "jpeg" ? encodeJpeg(image, options.quality, icc) : encodePng(image, icc);
+  timer.mark("encode");
   ResampleEngine::validateDestination(options.out / (stem + (format == "jpeg" ? ".jpg" : ".png")), engine.source());
   const auto written = publish(options.out, stem, format == "jpeg" ? ".jpg" : ".png", bytes);
+  timer.mark("write");
   std::cout << file.filename().string() << " → " << written.string() << " (" << size.width << " × "
             << size.height << ")\n";
 }

@@ -35,6 +35,26 @@ Window window(int64_t imageCount, int64_t outputCount, int64_t start, int64_t le
 Axis axis(int64_t imageCount, int64_t outputCount, int64_t start, int64_t length,
           int64_t windowStart, int64_t windowCount);
 
+// The two passes of one output rectangle, for callers that consume output
+// rows one at a time (converting each while it is still in cache). The
+// constructor runs the horizontal pass over the rectangle's source rows;
+// row() runs the vertical pass for one output row. Throws as resampleRGBA.
+class BandResampler {
+ public:
+  BandResampler(const FloatImage& source, int64_t windowX, int64_t windowY, int64_t imageWidth,
+                int64_t imageHeight, int64_t targetWidth, int64_t targetHeight, int64_t outX,
+                int64_t outY, int64_t width, int64_t height);
+  // Output row outY + y into `out` (width × channels floats).
+  void row(int64_t y, float* out) const;
+  int64_t width() const { return m_width; }
+  int64_t height() const { return m_height; }
+
+ private:
+  int64_t m_width, m_height;
+  Axis m_vertical;
+  FloatImage m_scratch;
+};
+
 // Resamples the output rectangle (outX, outY, into.width, into.height) of an
 // imageWidth × imageHeight → targetWidth × targetHeight enlargement. `source`
 // holds the source pixels from (windowX, windowY) on; it must cover the

@@ -43,6 +43,24 @@ int64_t ResampleEngine::workingBytesPerPixel(ResampleMethod method, double scale
 void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0,
                                 int64_t y1, ResampleMethod method, const OutputConverter& converter,
                                 codec::PixelBuffer& out, int64_t outRowOffset) const {
+  if (method == ResampleMethod::exact) {
+    // Nothing here looks beyond an output row's own taps, so no context rows
+    // are needed, and each row is converted while it is still in cache
+    // instead of going through a float band in memory.
+    const LanczosResampler::BandResampler band(m_linear, 0, 0, m_linear.width, m_linear.height,
+                                               target.width, target.height, x0, y0, width, y1 - y0);
+#pragma omp parallel
+    {
+      FloatImage row(width, 1, 4);
+#pragma omp for schedule(static)
+      for (int64_t y = y0; y < y1; ++y) {
+        band.row(y - y0, row.data.data());
+        converter.convertRow(row.data.data(), width, out.row(static_cast<int>(y - outRowOffset)));
+      }
+    }
+    return;
+  }
+
   const auto [sx, sy] = target.scale(m_linear.width, m_linear.height);
   const int m = margin(method, std::max(sx, sy));
   const int64_t top = std::max<int64_t>(0, y0 - m);
