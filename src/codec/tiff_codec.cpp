@@ -516,6 +516,9 @@ bool readLayout(TIFF* tiff, Layout& layout) {
   }
   if (layout.samples < layout.colour)
     throw CodecError::unreadable("TIFF has too few samples per pixel");
+  // Photographs carry at most CMYK plus a few extra channels; a header that
+  // claims thousands would make us allocate gigabytes for a tiny file.
+  if (layout.samples > 8) throw CodecError::unreadable("TIFF has too many samples per pixel");
   readExtraSamples(tiff, layout);
 
   if (layout.format == SAMPLEFORMAT_IEEEFP) {
@@ -555,7 +558,9 @@ PixelBuffer readNative(TIFF* tiff, const Layout& layout, std::span<const uint8_t
         invertColour<uint16_t>(work, layout.colour);
     }
   } else {
-    SampleBytes stored(layout.planeBytes() * layout.planes());
+    const uint64_t storedBytes = uint64_t{layout.planeBytes()} * layout.planes();
+    if (storedBytes > (uint64_t{1} << 32)) throw CodecError::unreadable("TIFF pixel data too large");
+    SampleBytes stored(storedBytes);
     if (!readPlanes(stored.data())) throw CodecError::unreadable("TIFF pixel data is damaged");
     const auto palette =
         layout.palette() ? paletteTable(tiff, layout.bits) : std::vector<uint8_t>{};

@@ -14,12 +14,6 @@
 #include "support/c_handle.h"
 #include "test_support.h"
 
-// x265 3.5 keeps a few small allocations of every encoder it opens; the
-// tests encode their fixtures with it, so the leak checker must skip them.
-extern "C" __attribute__((used)) const char* __lsan_default_suppressions() {
-  return "leak:libx265.so\n";
-}
-
 namespace tarnbloom::codec {
 namespace {
 
