@@ -25,7 +25,7 @@ Photo samplePhoto(const std::string& jpegName) {
   return photo;
 }
 
-Photo scaledPhoto(const Photo& src, int width, int height) {
+Photo scaledPhoto(const Photo& src, int width, int height, double grainAmplitude) {
   Photo out{width, height, std::vector<uint8_t>(static_cast<size_t>(width) * height * 3)};
   uint32_t noise = 12345;
   for (int y = 0; y < height; ++y) {
@@ -43,7 +43,7 @@ Photo scaledPhoto(const Photo& src, int width, int height) {
         const double v = (at(x0, y0) * (1 - wx) + at(x1, y0) * wx) * (1 - wy) +
                          (at(x0, y1) * (1 - wx) + at(x1, y1) * wx) * wy;
         noise = noise * 1664525u + 1013904223u;
-        const double grain = static_cast<double>(noise >> 24) / 255.0 * 6.0 - 3.0;
+        const double grain = static_cast<double>(noise >> 24) / 255.0 * grainAmplitude * 2 - grainAmplitude;
         out.rgb[(static_cast<size_t>(y) * width + x) * 3 + c] =
             static_cast<uint8_t>(std::clamp(v + grain, 0.0, 255.0));
       }

@@ -18,10 +18,10 @@ struct Photo {
 // A bundled sample photo (samples/NAME), decoded with libjpeg-turbo.
 Photo samplePhoto(const std::string& jpegName);
 
-// `photo` scaled to width × height by bilinear interpolation plus a little
-// deterministic grain, so a large JPEG of it compresses like a real photo
-// rather than like a smooth upscale.
-Photo scaledPhoto(const Photo& photo, int width, int height);
+// `photo` scaled to width × height by bilinear interpolation plus
+// deterministic grain (± grainAmplitude levels), so a large JPEG of it
+// compresses like a real photo rather than like a smooth upscale.
+Photo scaledPhoto(const Photo& photo, int width, int height, double grainAmplitude = 3.0);
 
 std::vector<uint8_t> encodeJpeg(const Photo& photo, int quality);
 void writePng(const std::filesystem::path& path, const Photo& photo);
