@@ -32,6 +32,10 @@ class OutputConverter {
   // transparency; used for formats without alpha.
   void setFlatten(std::array<float, 3> linearColour);
 
+  // Every pixel is fully opaque (the source has no alpha), so colours need
+  // no un-premultiplying.
+  void assumeOpaque();
+
   // Channels per output pixel: 1-4.
   int channels() const { return m_channels; }
   codec::SampleFormat format() const { return m_format; }

@@ -96,6 +96,7 @@ codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMe
       output.keepProfile ? m_source.colorSpace : codec::ColourSpace::forFrame({}, false);
   OutputConverter converter(space, output.sixteenBit, m_source.hasAlpha && !output.flatten);
   if (output.flatten) converter.setFlatten(*output.flatten);
+  if (!m_source.hasAlpha) converter.assumeOpaque();
 
   codec::PixelBuffer result;
   try {
@@ -130,6 +131,7 @@ codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect
     throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
   codec::ColourSpace space = keepProfile ? m_source.colorSpace : codec::ColourSpace::forFrame({}, false);
   OutputConverter converter(space, false, m_source.hasAlpha);
+  if (!m_source.hasAlpha) converter.assumeOpaque();
   codec::PixelBuffer tile;
   tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
                 converter.format());
