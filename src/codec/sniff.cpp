@@ -41,7 +41,8 @@ bool isTiffRaw(std::span<const uint8_t> bytes) {
 Container isoMediaContainer(std::span<const uint8_t> bytes) {
   // A "ftyp" box first: major brand at 8, compatible brands from 16 to its end.
   uint32_t boxSize = uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
-  if (boxSize < 16 || boxSize > 4096) return Container::unknown;
+  // The major brand must be there before anything is read of it.
+  if (boxSize < 16 || boxSize > 4096 || bytes.size() < 16) return Container::unknown;
   const size_t end = std::min<size_t>(boxSize, bytes.size());
   auto brand = [&](size_t at) { return std::string_view(reinterpret_cast<const char*>(bytes.data() + at), 4); };
   bool heif = false;
