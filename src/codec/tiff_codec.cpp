@@ -580,6 +580,30 @@ PixelBuffer readNative(TIFF* tiff, const Layout& layout, std::span<const uint8_t
   return layout.cmyk() ? convertCmyk(work, profile) : std::move(work);
 }
 
+// A header is untrusted: a few hundred bytes can claim a 200-megapixel
+// image. Before allocating for it, the strips or tiles must lie inside the
+// file and hold at least as many bytes as any codec could expand that far.
+void checkStoredDataIsThere(TIFF* tiff, const Layout& layout, uint64_t fileSize) {
+  const uint32_t count = TIFFIsTiled(tiff) ? TIFFNumberOfTiles(tiff) : TIFFNumberOfStrips(tiff);
+  if (count == 0 || count > (uint32_t{1} << 24)) throw CodecError::unreadable("TIFF has no usable strips");
+  uint64_t stored = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    int error = 0;
+    const uint64_t offset = TIFFGetStrileOffsetWithErr(tiff, i, &error);
+    const uint64_t size = TIFFGetStrileByteCountWithErr(tiff, i, &error);
+    if (error || offset > fileSize || size > fileSize - offset)
+      throw CodecError::unreadable("TIFF pixel data lies beyond the end of the file");
+    stored += size;
+  }
+  const uint64_t expanded = uint64_t{layout.planeBytes()} * layout.planes();
+  uint16_t compression = COMPRESSION_NONE;
+  TIFFGetField(tiff, TIFFTAG_COMPRESSION, &compression);
+  // Deflate, the best-compressing codec TIFF photos use, expands at most
+  // about 1,032 times; the slack covers other codecs and odd padding.
+  const uint64_t maxRatio = compression == COMPRESSION_NONE ? 2 : 4096;
+  if (stored * maxRatio < expanded) throw CodecError::unreadable("TIFF pixel data is missing or truncated");
+}
+
 }  // namespace
 
 ContainerProbe probeTiff(Bytes bytes) {
@@ -622,6 +646,7 @@ DecodedFrame decodeTiff(Bytes bytes) {
   Layout layout;
   const bool native = readLayout(tiff, layout);
   checkDimensions(layout.width, layout.height);
+  checkStoredDataIsThere(tiff, layout, bytes.size());
 
   DecodedFrame frame;
   frame.container = Container::tiff;

@@ -20,7 +20,8 @@ struct Layer {
   dnnl::convolution_forward primitive;
   memory weights;
   memory bias;
-  memory slopes;  // empty for the last layer
+  dnnl::prelu_forward prelu;  // in place on dst; absent for the last layer
+  memory slopes;
   memory dst;
 };
 
@@ -73,13 +74,10 @@ EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int wi
       const dnnl::convolution_forward::desc desc(dnnl::prop_kind::forward_inference,
                                                  dnnl::algorithm::convolution_direct, source, weightsAny,
                                                  biasDesc, dstAny, {1, 1}, {1, 1}, {1, 1});
-      dnnl::primitive_attr attr;
-      if (!conv.preluSlopes.empty()) {
-        dnnl::post_ops ops;
-        ops.append_prelu(1 << 1);  // one slope per output channel
-        attr.set_post_ops(ops);
-      }
-      const dnnl::convolution_forward::primitive_desc pd(desc, attr, n.engine);
+      // PReLU runs as its own primitive in place: oneDNN 2.6 computes a
+      // convolution with a fused PReLU post-op only in its reference
+      // implementation, which is a hundred times slower.
+      const dnnl::convolution_forward::primitive_desc pd(desc, n.engine);
 
       Layer layer;
       layer.primitive = dnnl::convolution_forward(pd);
@@ -90,11 +88,16 @@ EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int wi
       dnnl::reorder(userWeights, layer.weights).execute(n.stream, userWeights, layer.weights);
       layer.bias = memory(biasDesc, n.engine);
       std::memcpy(layer.bias.get_data_handle(), conv.bias.data(), conv.bias.size() * sizeof(float));
-      if (!conv.preluSlopes.empty()) {
-        layer.slopes = memory({{1, conv.outputChannels, 1, 1}, Type::f32, Tag::nchw}, n.engine);
-        std::memcpy(layer.slopes.get_data_handle(), conv.preluSlopes.data(), conv.preluSlopes.size() * sizeof(float));
-      }
       layer.dst = memory(pd.dst_desc(), n.engine);
+      if (!conv.preluSlopes.empty()) {
+        const memory::desc slopesDesc({1, conv.outputChannels, 1, 1}, Type::f32, Tag::nchw);
+        const dnnl::prelu_forward::primitive_desc preluPd(
+            {dnnl::prop_kind::forward_inference, pd.dst_desc(), slopesDesc}, n.engine);
+        layer.prelu = dnnl::prelu_forward(preluPd);
+        layer.slopes = memory(preluPd.weights_desc(), n.engine);
+        memory userSlopes(slopesDesc, n.engine, const_cast<float*>(conv.preluSlopes.data()));
+        dnnl::reorder(userSlopes, layer.slopes).execute(n.stream, userSlopes, layer.slopes);
+      }
       if (i == 0) {
         n.netInput = memory(pd.src_desc(), n.engine);
         n.reorderInput = pd.src_desc() != n.userInput.get_desc();
@@ -126,12 +129,14 @@ void EstimateNetwork::infer(const float* input, float* output) {
     const memory& first = n.reorderInput ? n.netInput : n.userInput;
     const memory* source = &first;
     for (Layer& layer : n.layers) {
-      std::unordered_map<int, memory> args = {{DNNL_ARG_SRC, *source},
-                                              {DNNL_ARG_WEIGHTS, layer.weights},
-                                              {DNNL_ARG_BIAS, layer.bias},
-                                              {DNNL_ARG_DST, layer.dst}};
-      if (layer.slopes) args[DNNL_ARG_ATTR_MULTIPLE_POST_OP(0) | DNNL_ARG_WEIGHTS] = layer.slopes;
-      layer.primitive.execute(n.stream, args);
+      layer.primitive.execute(n.stream, {{DNNL_ARG_SRC, *source},
+                                         {DNNL_ARG_WEIGHTS, layer.weights},
+                                         {DNNL_ARG_BIAS, layer.bias},
+                                         {DNNL_ARG_DST, layer.dst}});
+      if (layer.slopes)
+        layer.prelu.execute(n.stream, {{DNNL_ARG_SRC, layer.dst},
+                                       {DNNL_ARG_WEIGHTS, layer.slopes},
+                                       {DNNL_ARG_DST, layer.dst}});
       source = &layer.dst;
     }
     if (n.reorderOutput) n.outputReorder.execute(n.stream, n.layers.back().dst, n.plainOutput);

@@ -9,8 +9,8 @@ namespace tarnbloom {
 
 // Runs the Enhance network on the CPU with oneDNN: convolutions in the
 // library's blocked layouts end to end (no reorders between layers), PReLU
-// fused into each convolution, and the pixel shuffle and upsampled-input
-// addition done here. BF16 convolutions with float32 accumulation where the
+// in place after each convolution, and the pixel shuffle and
+// upsampled-input addition done here. BF16 convolutions with float32 accumulation where the
 // processor computes them natively; float32 otherwise or when asked.
 class EstimateNetwork {
  public:
