@@ -16,8 +16,8 @@ class EstimateNetwork {
  public:
   enum class Precision { fp32, bf16 };
 
-  // The precision used when none is asked for: bf16 where the processor has
-  // native BF16 arithmetic, unless TARNBLOOM_ESTIMATE_PRECISION=fp32.
+  // float32, unless TARNBLOOM_ESTIMATE_PRECISION=bf16 and the processor has
+  // native BF16 arithmetic.
   static Precision defaultPrecision();
   static bool processorHasBf16();
 
