@@ -10,8 +10,8 @@ namespace tarnbloom {
 // Runs the Enhance network on the CPU with oneDNN: convolutions in the
 // library's blocked layouts end to end (no reorders between layers), PReLU
 // in place after each convolution, and the pixel shuffle and
-// upsampled-input addition done here. BF16 convolutions with float32 accumulation where the
-// processor computes them natively; float32 otherwise or when asked.
+// upsampled-input addition done here. Float32 by default; BF16 convolutions
+// with float32 accumulation on request where the processor has them.
 class EstimateNetwork {
  public:
   enum class Precision { fp32, bf16 };
