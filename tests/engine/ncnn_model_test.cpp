@@ -34,7 +34,7 @@ TEST(NcnnModel, ReadsHalfAndSingleWeightsAlike) {
     EXPECT_EQ(network.convolutions.front().weights, files.firstWeights);
     EXPECT_EQ(network.convolutions[1].preluSlopes, std::vector<float>(8, 0.25f));
     EXPECT_TRUE(network.convolutions.back().preluSlopes.empty());
-    EXPECT_EQ(network.convolutions[2].bias, std::vector<float>(8, 0.125f));
+    EXPECT_EQ(network.convolutions[2].bias, std::vector<float>(8, 1.0f / 64));
   }
 }
 

@@ -1,0 +1,209 @@
+#include "engine/estimate_engine.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "engine/engine_error.h"
+#include "engine/estimate_error.h"
+#include "support/sha256.h"
+#include "support/state_paths.h"
+
+#ifndef TARNBLOOM_SOURCE_MODELS
+#define TARNBLOOM_SOURCE_MODELS ""
+#endif
+
+namespace tarnbloom {
+namespace {
+
+constexpr const char* kModelFile = "realesr-general-x4v3.param";
+// The ×4 colour and weight sums are held whole; beyond this the source is
+// too large to enhance in one piece.
+constexpr uint64_t kMaxAccumulatorBytes = 3'200'000'000;
+
+float featherWeight(int64_t distance) {
+  const float w = static_cast<float>(distance + 1) / EstimateEngine::featherWidth;
+  return std::clamp(w, 1e-3f, 1.0f);
+}
+
+}  // namespace
+
+EstimateEngine& EstimateEngine::shared() {
+  static EstimateEngine engine;
+  return engine;
+}
+
+std::optional<std::filesystem::path> EstimateEngine::configuredURL() {
+  if (const char* configured = std::getenv("TARNBLOOM_ESTIMATE_MODEL"); configured && *configured) {
+    const std::filesystem::path path = configured;
+    return std::filesystem::exists(path) ? std::optional(path) : std::nullopt;
+  }
+  for (const std::filesystem::path& folder :
+       {applicationDataFolder() / "models", std::filesystem::path(TARNBLOOM_SOURCE_MODELS)}) {
+    if (folder.empty()) continue;
+    if (std::filesystem::exists(folder / kModelFile)) return folder / kModelFile;
+  }
+  return std::nullopt;
+}
+
+std::vector<int64_t> EstimateEngine::gridOrigins(int64_t length) {
+  const int64_t n = length > 33 ? (length - 33) / gridStride : 0;
+  std::vector<int64_t> origins;
+  for (int64_t k = 0; k <= n; ++k) origins.push_back(-context + gridStride * k);
+  return origins;
+}
+
+double EstimateEngine::clampStrength(double strength) {
+  if (!std::isfinite(strength)) return maximumStrength;
+  return std::clamp(strength, minimumStrength, maximumStrength);
+}
+
+bool EstimateEngine::isUnblended(double strength) {
+  return !std::isfinite(strength) || std::min(strength, maximumStrength) >= maximumStrength;
+}
+
+std::vector<uint8_t> EstimateEngine::blendedPixels(const std::vector<uint8_t>& estimate,
+                                                   const std::vector<uint8_t>& exact, double strength) {
+  if (estimate.size() != exact.size() || isUnblended(strength)) return estimate;
+  const double s = clampStrength(strength);
+  std::vector<uint8_t> out(estimate.size());
+  for (size_t i = 0; i + 3 < estimate.size(); i += 4) {
+    const double alpha = estimate[i + 3];
+    for (int c = 0; c < 3; ++c) {
+      const double v = std::round((1 - s) * exact[i + c] + s * estimate[i + c]);
+      out[i + c] = static_cast<uint8_t>(std::clamp(v, 0.0, alpha));
+    }
+    out[i + 3] = estimate[i + 3];
+  }
+  return out;
+}
+
+void EstimateEngine::useModel(SrvggNetwork network, std::string digest) {
+  std::lock_guard lock(m_modelLock);
+  m_network = std::move(network);
+  m_digest = std::move(digest);
+  m_runner.reset();
+}
+
+const SrvggNetwork& EstimateEngine::model() {
+  std::lock_guard lock(m_modelLock);
+  if (!m_network) {
+    const auto url = configuredURL();
+    if (!url) throw EstimateError::modelMissing();
+    m_network = SrvggNetwork::read(*url);
+    std::filesystem::path bin = *url;
+    bin.replace_extension(".bin");
+    m_digest = sha256OfFile(*url).value_or("") + "+" + sha256OfFile(bin).value_or("");
+  }
+  return *m_network;
+}
+
+std::string EstimateEngine::artifactDigest() {
+  model();
+  std::lock_guard lock(m_modelLock);
+  return m_digest;
+}
+
+std::string EstimateEngine::precisionText() {
+  return EstimateNetwork::defaultPrecision() == EstimateNetwork::Precision::bf16
+             ? "float32 I/O; BF16 weights and activations with float32 accumulation (oneDNN, CPU); "
+               "float16 model weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic"
+             : "float32 I/O; float32 weights, activations and accumulation (oneDNN, CPU); float16 model "
+               "weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic";
+}
+
+MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgress& onTile,
+                                       const std::atomic<bool>* cancel) {
+  if (image.width < 1 || image.height < 1 || image.rgba.size() != static_cast<size_t>(image.width * image.height * 4))
+    throw EstimateError::colourPreparation();
+  const SrvggNetwork& network = model();
+  if (network.upscale != scale) throw EstimateError::modelFailed("prediction must be [1, 3, 1024, 1024]");
+  std::lock_guard render(m_renderLock);
+  if (!m_runner)
+    m_runner = std::make_unique<EstimateNetwork>(network, tileSize, tileSize, 1, EstimateNetwork::defaultPrecision());
+
+  const int64_t outWidth = image.width * scale, outHeight = image.height * scale;
+  const uint64_t accumulatorBytes = static_cast<uint64_t>(outWidth) * static_cast<uint64_t>(outHeight) * 16;
+  if (accumulatorBytes > kMaxAccumulatorBytes)
+    throw EngineError::tooLarge(outWidth, outHeight, accumulatorBytes);
+  std::vector<float> sum(static_cast<size_t>(outWidth * outHeight) * 3, 0.0f);
+  std::vector<float> weight(static_cast<size_t>(outWidth * outHeight), 0.0f);
+
+  const auto columns = gridOrigins(image.width);
+  const auto rows = gridOrigins(image.height);
+  const int64_t total = static_cast<int64_t>(columns.size() * rows.size());
+  std::vector<float> input(3 * tileSize * tileSize);
+  std::vector<float> output(3 * tileSize * tileSize * scale * scale);
+  const int out = tileSize * scale;
+  int64_t done = 0;
+  for (const int64_t oy : rows)
+    for (const int64_t ox : columns) {
+      if (cancel && cancel->load()) throw EngineError::cancelled();
+      // Samples outside the image repeat its edge.
+      for (int y = 0; y < tileSize; ++y) {
+        const int64_t sy = std::clamp<int64_t>(oy + y, 0, image.height - 1);
+        for (int x = 0; x < tileSize; ++x) {
+          const int64_t sx = std::clamp<int64_t>(ox + x, 0, image.width - 1);
+          const uint8_t* p = image.rgba.data() + (sy * image.width + sx) * 4;
+          for (int c = 0; c < 3; ++c) input[(static_cast<size_t>(c) * tileSize + y) * tileSize + x] = p[c] / 255.0f;
+        }
+      }
+      m_runner->infer(input.data(), output.data());
+      for (float v : output)
+        if (!std::isfinite(v)) throw EstimateError::modelFailed("non-finite prediction");
+
+      // Feathered accumulation: weights fall off towards tile edges that lie
+      // inside the image; an edge on the image border needs no feathering.
+      const int64_t x0 = ox * scale, y0 = oy * scale;
+      const bool featherLeft = ox > 0, featherTop = oy > 0;
+      const bool featherRight = ox + tileSize < image.width, featherBottom = oy + tileSize < image.height;
+#pragma omp parallel for schedule(static)
+      for (int y = 0; y < out; ++y) {
+        const int64_t ty = y0 + y;
+        if (ty < 0 || ty >= outHeight) continue;
+        for (int x = 0; x < out; ++x) {
+          const int64_t tx = x0 + x;
+          if (tx < 0 || tx >= outWidth) continue;
+          int64_t d = featherWidth;
+          if (featherLeft) d = std::min<int64_t>(d, x);
+          if (featherRight) d = std::min<int64_t>(d, out - 1 - x);
+          if (featherTop) d = std::min<int64_t>(d, y);
+          if (featherBottom) d = std::min<int64_t>(d, out - 1 - y);
+          const float w = featherWeight(d);
+          const size_t at = static_cast<size_t>(ty * outWidth + tx);
+          for (int c = 0; c < 3; ++c) sum[at * 3 + c] += w * output[(static_cast<size_t>(c) * out + y) * out + x];
+          weight[at] += w;
+        }
+      }
+      if (onTile) onTile(++done, total);
+    }
+
+  // Alpha comes from the source, sampled bilinearly at each output pixel.
+  MosaicImage result{outWidth, outHeight, std::vector<uint8_t>(static_cast<size_t>(outWidth * outHeight) * 4)};
+#pragma omp parallel for schedule(static)
+  for (int64_t y = 0; y < outHeight; ++y) {
+    const double fy = std::clamp((y + 0.5) / scale - 0.5, 0.0, static_cast<double>(image.height - 1));
+    const int64_t y1 = static_cast<int64_t>(fy), y2 = std::min(y1 + 1, image.height - 1);
+    const double wy = fy - y1;
+    for (int64_t x = 0; x < outWidth; ++x) {
+      const double fx = std::clamp((x + 0.5) / scale - 0.5, 0.0, static_cast<double>(image.width - 1));
+      const int64_t x1 = static_cast<int64_t>(fx), x2 = std::min(x1 + 1, image.width - 1);
+      const double wx = fx - x1;
+      auto alphaAt = [&](int64_t xx, int64_t yy) { return image.rgba[(yy * image.width + xx) * 4 + 3] / 255.0; };
+      const double alpha = (alphaAt(x1, y1) * (1 - wx) + alphaAt(x2, y1) * wx) * (1 - wy) +
+                           (alphaAt(x1, y2) * (1 - wx) + alphaAt(x2, y2) * wx) * wy;
+      const size_t at = static_cast<size_t>(y * outWidth + x);
+      uint8_t* p = result.rgba.data() + at * 4;
+      const double a8 = std::round(alpha * 255);
+      for (int c = 0; c < 3; ++c) {
+        // Premultiplied: a colour never exceeds its alpha.
+        const double v = std::round(sum[at * 3 + c] / weight[at] * 255);
+        p[c] = static_cast<uint8_t>(std::clamp(v, 0.0, a8));
+      }
+      p[3] = static_cast<uint8_t>(a8);
+    }
+  }
+  return result;
+}
+
+}  // namespace tarnbloom

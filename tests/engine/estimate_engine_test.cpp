@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "engine/estimate_engine.h"
+#include "engine/estimate_error.h"
+#include "model_fixtures.h"
+
+namespace tarnbloom {
+namespace {
+
+TEST(EstimateEngine, LaysTilesSoTrustedSpansCoverEverySide) {
+  EXPECT_EQ(EstimateEngine::gridOrigins(100), std::vector<int64_t>{-16});
+  EXPECT_EQ(EstimateEngine::gridOrigins(224), std::vector<int64_t>{-16});
+  EXPECT_EQ(EstimateEngine::gridOrigins(225), (std::vector<int64_t>{-16, 176}));
+  EXPECT_EQ(EstimateEngine::gridOrigins(416).size(), 2u);
+  EXPECT_EQ(EstimateEngine::gridOrigins(417).size(), 3u);
+  for (int64_t length : {1, 33, 300, 1000, 4001}) {
+    const auto origins = EstimateEngine::gridOrigins(length);
+    EXPECT_GE(origins.back() + EstimateEngine::context + EstimateEngine::reliableSize, length) << length;
+  }
+}
+
+TEST(EstimateEngine, BlendsByAClampedStrength) {
+  EXPECT_EQ(EstimateEngine::clampStrength(0.05), 0.1);
+  EXPECT_EQ(EstimateEngine::clampStrength(NAN), 1.0);
+  EXPECT_TRUE(EstimateEngine::isUnblended(1.0));
+  EXPECT_TRUE(EstimateEngine::isUnblended(NAN));
+  EXPECT_FALSE(EstimateEngine::isUnblended(0.05));
+
+  const std::vector<uint8_t> estimate = {200, 101, 0, 255, 0, 0, 0, 0, 90, 90, 90, 100};
+  const std::vector<uint8_t> exact = {100, 100, 50, 255, 30, 40, 50, 0, 200, 10, 90, 100};
+  EXPECT_EQ(EstimateEngine::blendedPixels(estimate, exact, 0.5),
+            (std::vector<uint8_t>{150, 101, 25, 255, 0, 0, 0, 0, 100, 50, 90, 100}))
+      << "halves round away from zero; transparent stays 0; colour never exceeds alpha";
+  EXPECT_EQ(EstimateEngine::blendedPixels(estimate, exact, 1.0), estimate);
+  EXPECT_EQ(EstimateEngine::blendedPixels(estimate, {1, 2, 3}, 0.5), estimate);
+}
+
+// Tiles see only 16 pixels of context but the network looks further, so
+// they cannot equal the whole-image result; they must not show where they
+// join. The model here is deeper than the context on purpose.
+TEST(EstimateEngine, JoinsTilesWithoutSeams) {
+  const auto files = testing::makeModel(6, 22, 4, true);
+  const SrvggNetwork network = SrvggNetwork::parse(files.param, files.bin);
+  EstimateEngine& engine = EstimateEngine::shared();
+  engine.useModel(network, "test");
+
+  const int w = 600, h = 500;
+  MosaicImage image{w, h, std::vector<uint8_t>(static_cast<size_t>(w) * h * 4)};
+  std::mt19937 random(3);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = image.rgba.data() + (static_cast<size_t>(y) * w + x) * 4;
+      // Smooth gradients with texture, as a photo has.
+      p[0] = static_cast<uint8_t>(128 + 100 * std::sin(x * 0.05) * std::cos(y * 0.03));
+      p[1] = static_cast<uint8_t>((x + y) / 5 + random() % 24);
+      p[2] = static_cast<uint8_t>(200 - y / 4);
+      p[3] = 255;
+    }
+  int64_t tiles = 0;
+  const MosaicImage tiled = engine.inferTiled(image, [&](int64_t, int64_t total) { tiles = total; });
+  EXPECT_EQ(tiles, 9);
+
+  std::vector<float> input(3 * static_cast<size_t>(w) * h), whole(3 * static_cast<size_t>(w) * h * 16);
+  for (int c = 0; c < 3; ++c)
+    for (size_t i = 0; i < static_cast<size_t>(w) * h; ++i) input[c * w * h + i] = image.rgba[i * 4 + c] / 255.0f;
+  EstimateNetwork(network, h, w, 1, EstimateNetwork::Precision::fp32).infer(input.data(), whole.data());
+
+  const int W = w * 4, H = h * 4, border = 128;
+  auto inSeam = [](int outCoordinate) {
+    const int source = outCoordinate / 4;
+    return source >= 192 && (source % 192) < 32;
+  };
+  double squared = 0, seam = 0, rest = 0;
+  int64_t count = 0, seamCount = 0, restCount = 0;
+  for (int y = border; y < H - border; ++y)
+    for (int x = border; x < W - border; ++x)
+      for (int c = 0; c < 3; ++c) {
+        const double expected = std::clamp(std::round(double(whole[(static_cast<size_t>(c) * H + y) * W + x]) * 255), 0.0, 255.0);
+        const double error = std::abs(tiled.rgba[(static_cast<size_t>(y) * W + x) * 4 + c] - expected);
+        squared += error * error;
+        ++count;
+        if (inSeam(x) || inSeam(y)) {
+          seam += error;
+          ++seamCount;
+        } else {
+          rest += error;
+          ++restCount;
+        }
+      }
+  const double psnr = 10 * std::log10(255.0 * 255.0 / std::max(squared / count, 1e-12));
+  EXPECT_GT(psnr, 45.0);
+  EXPECT_LE(seam / seamCount, 2 * std::max(rest / restCount, 0.05)) << "seam " << seam / seamCount << " rest " << rest / restCount;
+
+}
+
+}  // namespace
+}  // namespace tarnbloom
