@@ -68,6 +68,7 @@ EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int wi
   try {
     n.userInput = memory({{batch, 3, height, width}, Type::f32, Tag::nchw}, n.engine);
     memory::desc source({batch, 3, height, width}, activation, Tag::any);
+    memory spares[2];
     for (size_t i = 0; i < network.convolutions.size(); ++i) {
       const NetworkConvolution& conv = network.convolutions[i];
       const bool last = i + 1 == network.convolutions.size();
@@ -92,7 +93,11 @@ EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int wi
       dnnl::reorder(userWeights, layer.weights).execute(n.stream, userWeights, layer.weights);
       layer.bias = memory(biasDesc, n.engine);
       std::memcpy(layer.bias.get_data_handle(), conv.bias.data(), conv.bias.size() * sizeof(float));
-      layer.dst = memory(pd.dst_desc(), n.engine);
+      // Activations alternate between two buffers: a layer reads the one
+      // its predecessor wrote. Holding one per layer would cost 16 MB each.
+      memory& spare = spares[i % 2];
+      if (!spare || spare.get_desc() != pd.dst_desc()) spare = memory(pd.dst_desc(), n.engine);
+      layer.dst = spare;
       if (!conv.preluSlopes.empty()) {
         const memory::desc slopesDesc({1, conv.outputChannels, 1, 1}, Type::f32, Tag::nchw);
         const dnnl::prelu_forward::primitive_desc preluPd(
