@@ -3,6 +3,8 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <optional>
 
 #include "codec/pixel_buffer.h"
@@ -46,6 +48,9 @@ class ResampleEngine {
   const SourceImage& source() const { return m_source; }
   // The upright source in the working format.
   const FloatImage& linear() const { return m_linear; }
+  // Noise level of the source's linear luminance, estimated on first use
+  // (from any thread) and kept.
+  float sourceNoiseSigma() const;
 
   ResampleTarget targetSize(double scale) const;
 
@@ -61,7 +66,8 @@ class ResampleEngine {
   codec::PixelBuffer previewTile(ResampleTarget target, OutputRect rect, ResampleMethod method,
                                  bool keepProfile) const;
 
-  // Extra output rows of context each band renders above and below itself.
+  // Source rows of context each band renders above and below itself (and
+  // columns beside a tile, for Clarity).
   static int margin(ResampleMethod method, double scale);
   static int64_t bandBudget(ResampleMethod method);
   static int64_t workingBytesPerPixel(ResampleMethod method, double scaleX, double scaleY,
@@ -92,13 +98,21 @@ class ResampleEngine {
  private:
   // Renders output columns [x0, x0+width) of rows [y0, y1) with margin rows
   // of context into floats, and converts them into `out`, output row y
-  // going to out row y - outRowOffset.
+  // going to out row y - outRowOffset. `scratch` carries buffers from one
+  // band of a render to the next.
+  struct BandScratch;
   void renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0, int64_t y1,
                   ResampleMethod method, const OutputConverter& converter,
-                  codec::PixelBuffer& out, int64_t outRowOffset) const;
+                  codec::PixelBuffer& out, int64_t outRowOffset, BandScratch& scratch) const;
+
+  struct NoiseEstimate {
+    std::once_flag once;
+    float sigma = 0;
+  };
 
   SourceImage m_source;
   FloatImage m_linear;
+  std::unique_ptr<NoiseEstimate> m_noise = std::make_unique<NoiseEstimate>();
 };
 
 }  // namespace tarnbloom

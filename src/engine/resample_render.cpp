@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "engine/clarity_pass.h"
 #include "engine/colour_conversion.h"
 #include "engine/engine_error.h"
 #include "engine/lanczos_resampler.h"
@@ -25,7 +26,14 @@ ResampleTarget ResampleEngine::targetSize(double scale) const {
           std::max<int64_t>(1, std::llround(scale * static_cast<double>(m_linear.height)))};
 }
 
-int ResampleEngine::margin(ResampleMethod method, double scale) { return kMargin; }
+int ResampleEngine::margin(ResampleMethod method, double scale) {
+  return method == ResampleMethod::clarity ? std::max(kMargin, ClarityParams::margin(scale)) : kMargin;
+}
+
+float ResampleEngine::sourceNoiseSigma() const {
+  std::call_once(m_noise->once, [this] { m_noise->sigma = ClarityPass::estimateNoise(m_linear); });
+  return m_noise->sigma;
+}
 
 int64_t ResampleEngine::bandBudget(ResampleMethod method) {
   return method == ResampleMethod::clarity ? 288'000'000 : 256'000'000;
@@ -40,9 +48,15 @@ int64_t ResampleEngine::workingBytesPerPixel(ResampleMethod method, double scale
   return bytes;
 }
 
+struct ResampleEngine::BandScratch {
+  FloatImage band;
+  ClarityPass::Workspace clarity;
+};
+
 void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0,
                                 int64_t y1, ResampleMethod method, const OutputConverter& converter,
-                                codec::PixelBuffer& out, int64_t outRowOffset) const {
+                                codec::PixelBuffer& out, int64_t outRowOffset,
+                                BandScratch& scratch) const {
   if (method == ResampleMethod::exact) {
     // Nothing here looks beyond an output row's own taps, so no context rows
     // are needed, and each row is converted while it is still in cache
@@ -63,20 +77,42 @@ void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width
 
   const auto [sx, sy] = target.scale(m_linear.width, m_linear.height);
   const int m = margin(method, std::max(sx, sy));
-  const int64_t top = std::max<int64_t>(0, y0 - m);
-  const int64_t bottom = std::min<int64_t>(target.height, y1 + m);
-  FloatImage band;
+  // The margin counts source rows; Clarity's rounds of back-projection reach
+  // that far on either axis, so a tile gets context columns as well.
+  const bool clarity = method == ResampleMethod::clarity;
+  const int64_t rows = static_cast<int64_t>(std::ceil(m * std::max(sy, 1.0)));
+  const int64_t columns = clarity ? static_cast<int64_t>(std::ceil(m * std::max(sx, 1.0))) : 0;
+  const int64_t top = std::max<int64_t>(0, y0 - rows);
+  const int64_t bottom = std::min<int64_t>(target.height, y1 + rows);
+  const int64_t left = std::max<int64_t>(0, x0 - columns);
+  const int64_t right = std::min<int64_t>(target.width, x0 + width + columns);
+  // Each band reuses the memory of the one before when it fits.
+  FloatImage& band = scratch.band;
   try {
-    band = FloatImage(width, bottom - top, 4);
+    const size_t floats = static_cast<size_t>(right - left) * static_cast<size_t>(bottom - top) * 4;
+    if (band.data.capacity() < floats) band = FloatImage();
+    band.data.resize(floats);
+    band.width = right - left, band.height = bottom - top, band.channels = 4;
   } catch (const std::bad_alloc&) {
     throw EngineError::vImage("resample scratch", kResamplerMemoryAllocationError);
   }
   LanczosResampler::resampleRGBA(m_linear, 0, 0, m_linear.width, m_linear.height, target.width,
-                                 target.height, x0, top, band);
-  // The context rows are cropped off here: only [y0, y1) is stored.
+                                 target.height, left, top, band);
+  const ClarityPass::Plane* luminance = nullptr;
+  if (clarity) {
+    const BandFrame frame{0, 0, left, top, m_linear.width, m_linear.height, target.width, target.height};
+    luminance = &ClarityPass::sharpenLuminance(band, frame, m_linear, sourceNoiseSigma(),
+                                               BandMapping::global, scratch.clarity);
+  }
+  // The context is cropped off here: only [x0, x0 + width) × [y0, y1) is
+  // stored, and only those rows take Clarity's colour.
 #pragma omp parallel for schedule(static)
-  for (int64_t y = y0; y < y1; ++y)
-    converter.convertRow(band.row(y - top), width, out.row(static_cast<int>(y - outRowOffset)));
+  for (int64_t y = y0; y < y1; ++y) {
+    float* row = band.row(y - top) + (x0 - left) * 4;
+    if (clarity)
+      ClarityPass::carryColourRow(row, luminance->row(y - top) + (x0 - left), width, m_source.hasAlpha);
+    converter.convertRow(row, width, out.row(static_cast<int>(y - outRowOffset)));
+  }
 }
 
 codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMethod method,
@@ -113,11 +149,12 @@ codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMe
   const int64_t rowsPerBand = std::max<int64_t>(1, budget / std::max<int64_t>(perRow, 1));
   const int64_t bands = (target.height + rowsPerBand - 1) / rowsPerBand;
 
+  BandScratch scratch;
   for (int64_t b = 0; b < bands; ++b) {
     if (cancel && cancel->load()) throw EngineError::cancelled();
     const int64_t y0 = b * rowsPerBand;
     const int64_t y1 = std::min(target.height, y0 + rowsPerBand);
-    renderRows(target, 0, target.width, y0, y1, method, converter, result, 0);
+    renderRows(target, 0, target.width, y0, y1, method, converter, result, 0, scratch);
     if (progress) progress(b + 1, bands);
   }
   if (cancel && cancel->load()) throw EngineError::cancelled();
@@ -135,7 +172,9 @@ codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect
   codec::PixelBuffer tile;
   tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
                 converter.format());
-  renderRows(target, rect.x, rect.width, rect.y, rect.y + rect.height, method, converter, tile, rect.y);
+  BandScratch scratch;
+  renderRows(target, rect.x, rect.width, rect.y, rect.y + rect.height, method, converter, tile, rect.y,
+             scratch);
   return tile;
 }
 
