@@ -9,22 +9,37 @@
 #include <cstdio>
 #include <iostream>
 #include <optional>
+#include <set>
 
 #include "cli/exit_codes.h"
-#include "cli/image_writers.h"
 #include "cli/render_progress_line.h"
 #include "engine/dimension_resolver.h"
 #include "engine/engine_error.h"
 #include "engine/resample_engine.h"
+#include "encoding/colour_policy.h"
+#include "encoding/encoder_error.h"
+#include "encoding/export_format.h"
+#include "encoding/image_writer.h"
+#include "encoding/jpeg_encoder.h"
+#include "encoding/naming_engine.h"
+#include "encoding/output_metadata.h"
+#include "encoding/webp_encoder.h"
 #include "support/files.h"
 
 namespace tarnbloom::cli {
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: tarnbloom enlarge --method exact --size SIZE --out DIR [--format png|jpeg] "
-    "[--quality N] FILE...\n"
-    "  SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n";
+    "Usage: tarnbloom enlarge --method exact --size SIZE --out DIR [OPTIONS] FILE...\n"
+    "  SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
+    "  --format same|png|jpeg|tiff|webp|avif|heic   (default: same as source)\n"
+    "  --quality N          lossy quality 1...100 (JPEG 95, WebP 85, HEIC/AVIF 90)\n"
+    "  --max-kb N           JPEG file size ceiling in kilobytes (1 KB = 1000 bytes)\n"
+    "  --profile keep|srgb  --icc keep|strip  --exif keep|strip  --xmp keep|strip\n"
+    "  --gps keep|strip     (default: keep profile, ICC, EXIF and XMP; strip GPS)\n"
+    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n"
+    "  --name TEMPLATE      Naming template -- tokens: {source} {sku} {w} {h} {method} "
+    "{format} {scale} {date} {index} {n}\n";
 
 struct SizeRequest {
   SizeMode mode = SizeMode::x2;
@@ -37,8 +52,12 @@ struct Options {
   ResampleMethod method = ResampleMethod::exact;
   SizeRequest size;
   std::filesystem::path out;
-  std::optional<std::string> format;
-  int quality = 90;
+  // None: the format that matches each source.
+  std::optional<encoding::ExportFormat> format;
+  std::optional<int> quality;
+  std::optional<int64_t> maxBytes;
+  encoding::ColourPolicy policy;
+  std::string nameTemplate = encoding::NamingEngine::defaultTemplate();
   std::vector<std::filesystem::path> files;
 };
 
@@ -87,7 +106,9 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       const std::string& m = next();
       if (m == "exact")
         options.method = ResampleMethod::exact;
-      else if (m == "clarity" || m == "enhance")
+      else if (m == "clarity")
+        options.method = ResampleMethod::clarity;
+      else if (m == "enhance")
         throw UsageError("The " + m + " method is not available in this version; use --method exact.");
       else
         throw UsageError("Unknown method “" + m + "”.");
@@ -99,12 +120,53 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.out = next();
     } else if (a == "--format") {
       const std::string& f = next();
-      if (f != "png" && f != "jpeg") throw UsageError("Unknown format “" + f + "”; use png or jpeg.");
-      options.format = f;
+      if (f == "same") {
+        options.format.reset();
+      } else {
+        const auto format = encoding::exportFormatFromRawValue(f);
+        if (!format)
+          throw UsageError("Unknown format “" + f + "”; use same, png, jpeg, tiff, webp, avif or heic.");
+        if (!encoding::isWritable(*format))
+          throw UsageError(std::string(encoding::title(*format)) +
+                           " can’t be written on this computer: no encoder for it is installed.");
+        options.format = format;
+      }
     } else if (a == "--quality") {
       const double q = parseNumber(next(), "quality");
       if (q < 1 || q > 100 || q != std::floor(q)) throw UsageError("Quality must be a whole number from 1 to 100.");
       options.quality = static_cast<int>(q);
+    } else if (a == "--max-kb") {
+      const double kb = parseNumber(next(), "--max-kb");
+      if (kb < 1 || kb > 1e9 || kb != std::floor(kb))
+        throw UsageError("--max-kb must be a whole number of kilobytes, at least 1.");
+      options.maxBytes = static_cast<int64_t>(kb) * 1000;
+    } else if (a == "--profile") {
+      const std::string& v = next();
+      const auto profile = encoding::profilePolicyFromRawValue(v);
+      if (!profile) throw UsageError("--profile takes keep or srgb, not “" + v + "”.");
+      options.policy.profile = *profile;
+    } else if (a == "--icc" || a == "--exif" || a == "--xmp" || a == "--gps") {
+      const std::string& v = next();
+      const auto toggle = encoding::metadataToggleFromRawValue(v);
+      if (!toggle) throw UsageError(a + " takes keep or strip, not “" + v + "”.");
+      (a == "--icc" ? options.policy.icc : a == "--exif" ? options.policy.exif
+                    : a == "--xmp" ? options.policy.xmp : options.policy.gps) = *toggle;
+    } else if (a == "--flatten") {
+      try {
+        options.policy.flatten = encoding::ColourPolicy::canonicalFlattenColour(next());
+      } catch (const encoding::ColourPolicyError& error) {
+        throw UsageError(error.description());
+      }
+    } else if (a == "--name") {
+      const std::string& templ = next();
+      try {
+        encoding::NamingEngine::validateTemplate(templ);
+      } catch (const encoding::NamingError& error) {
+        throw UsageError(error.description());
+      }
+      if (templ.find('/') != std::string::npos || templ.empty())
+        throw UsageError("A naming template names a file in the output folder: no “/”, not empty.");
+      options.nameTemplate = templ;
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("Unknown option “" + a + "”.");
     } else {
@@ -118,27 +180,35 @@ Options parseOptions(const std::vector<std::string>& arguments) {
   return options;
 }
 
-std::string scaleLabel(double scale) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.2f", scale);
-  std::string label = text;
-  while (label.back() == '0') label.pop_back();
-  if (label.back() == '.') label.pop_back();
-  return label + "x";
+// Publishes bytes under the first free name the template gives, never
+// replacing anything (the source least of all). A name taken by another
+// process between the check and the publication is skipped. Returns the
+// path written.
+std::filesystem::path publish(const Options& options, const encoding::NamingFacts& facts,
+                              const std::vector<uint8_t>& bytes, const SourceImage& source) {
+  std::set<std::filesystem::path> lost;
+  const auto taken = [&](const std::filesystem::path& path) {
+    std::error_code error;
+    return lost.contains(path) || std::filesystem::exists(std::filesystem::symlink_status(path, error));
+  };
+  auto target = encoding::NamingEngine::resolveOutputPath(options.out, options.nameTemplate, facts,
+                                                          false, taken);
+  ResampleEngine::validateDestination(target, source);
+  AtomicFileWriter writer(target);
+  writer.write(std::as_bytes(std::span(bytes)));
+  for (int tries = 0; tries < 1000; ++tries) {
+    if (writer.commitWithoutReplacing()) return target;
+    lost.insert(target);
+    target = encoding::NamingEngine::resolveOutputPath(options.out, options.nameTemplate, facts,
+                                                       false, taken);
+    ResampleEngine::validateDestination(target, source);
+    writer.retarget(target);
+  }
+  throw EngineError::encode(target);
 }
 
-// Publishes bytes as DIR/NAME, numbering the name when it is taken; never
-// replaces anything. Returns the path written.
-std::filesystem::path publish(const std::filesystem::path& folder, const std::string& stem,
-                              const std::string& extension, const std::vector<uint8_t>& bytes) {
-  AtomicFileWriter writer(folder / (stem + extension));
-  writer.write(std::as_bytes(std::span(bytes)));
-  for (int n = 1; n < 10000; ++n) {
-    const auto target = folder / (n == 1 ? stem + extension : stem + "-" + std::to_string(n) + extension);
-    writer.retarget(target);
-    if (writer.commitWithoutReplacing()) return target;
-  }
-  throw EngineError::encode(folder / (stem + extension));
+float linearFromSRGB(double c) {
+  return static_cast<float>(c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4));
 }
 
 // Where an enlargement's time goes, printed when TARNBLOOM_TIMINGS is set.
@@ -162,25 +232,47 @@ class PhaseTimer {
   std::chrono::steady_clock::time_point m_last = std::chrono::steady_clock::now();
 };
 
-void enlargeOne(const Options& options, const std::filesystem::path& file, bool showProgress) {
+void enlargeOne(const Options& options, const std::filesystem::path& file, int64_t index,
+                bool showProgress) {
   PhaseTimer timer;
   SourceImage source = ResampleEngine::load(file);
   timer.mark("load");
-  const std::string format =
-      options.format.value_or(source.container == codec::Container::jpeg ? "jpeg" : "png");
+  using encoding::ExportFormat;
+  const ExportFormat format = options.format.value_or(encoding::matchingFormat(file));
+  const bool sixteenBit = source.bitsPerComponent == 16 && encoding::supports16Bit(format);
   const ResolvedSize size = DimensionResolver::resolve(
       source.orientedWidth(), source.orientedHeight(), options.size.mode, options.size.value,
-      options.size.boxWidth, options.size.boxHeight, source.bitsPerComponent, format, false);
+      options.size.boxWidth, options.size.boxHeight, source.bitsPerComponent,
+      std::string(encoding::rawValue(format)), false);
+  // WebP's side limit is known before any pixel is rendered.
+  if (format == ExportFormat::webp) encoding::WebPEncoder::preflight(size.width, size.height);
+  if (options.maxBytes && format != ExportFormat::jpeg)
+    std::cerr << file.filename().string() << ": --max-kb applies to JPEG only; "
+              << encoding::title(format) << " is written without a ceiling.\n";
+  if (source.bitsPerComponent == 16 && !sixteenBit)
+    std::cerr << file.filename().string() << ": 16-bit source reduced to 8-bit for "
+              << encoding::title(format) << ".\n";
 
+  // WebP, HEIC and AVIF store colour only: a grey source goes to them as
+  // sRGB grey, since its grey profile cannot describe RGB pixels.
+  encoding::ColourPolicy policy = options.policy;
+  if (!source.isRGB() && (format == ExportFormat::webp || format == ExportFormat::heic ||
+                          format == ExportFormat::avif))
+    policy.profile = encoding::ProfilePolicy::srgb;
   RenderOutput output;
-  output.keepProfile = true;
-  output.sixteenBit = format == "png" && source.bitsPerComponent == 16;
-  // JPEG has no alpha: composite onto white.
-  if (format == "jpeg" && source.hasAlpha) output.flatten = std::array<float, 3>{1.0f, 1.0f, 1.0f};
+  output.keepProfile = policy.profile == encoding::ProfilePolicy::keep;
+  output.sixteenBit = sixteenBit;
+  if (!encoding::supportsAlpha(format) && source.hasAlpha) {
+    const auto rgb = encoding::ColourPolicy::resolveFlattenColourSRGB(options.policy.flatten);
+    output.flatten = std::array<float, 3>{linearFromSRGB(rgb[0]), linearFromSRGB(rgb[1]),
+                                          linearFromSRGB(rgb[2])};
+  }
+  std::vector<std::string> claims;
+  if (options.method == ResampleMethod::estimate)
+    claims.emplace_back(encoding::kClaimEstimateExport);
+  const encoding::OutputMetadata metadata =
+      encoding::OutputMetadata::resolve(source, policy, claims, size.width, size.height);
 
-  const std::vector<uint8_t> icc = source.colorSpace.iccProfile;
-  const std::string stem = file.stem().string() + "-" + std::string(rawValue(options.method)) + "-" +
-                           scaleLabel(size.scaleFactor);
   const ResampleEngine engine(std::move(source));
   timer.mark("linearise");
   RenderProgressLine line(file.filename().string(), showProgress);
@@ -190,13 +282,49 @@ void enlargeOne(const Options& options, const std::filesystem::path& file, bool 
   line.finish();
   timer.mark("render");
 
-  const auto bytes = format == "jpeg" ? encodeJpeg(image, options.quality, icc) : encodePng(image, icc);
+  std::vector<uint8_t> bytes;
+  std::string note;
+  switch (format) {
+    case ExportFormat::png: bytes = encoding::encodePNG(image, metadata); break;
+    case ExportFormat::tiff: bytes = encoding::encodeTIFF(image, metadata); break;
+    case ExportFormat::avif:
+    case ExportFormat::heic:
+      bytes = encoding::encodeHEIF(format, image, metadata,
+                                   options.quality.value_or(encoding::kImageWriterLossyQuality));
+      break;
+    case ExportFormat::webp: {
+      encoding::WebPOptions webp;
+      if (options.quality) webp.lossyQuality = static_cast<float>(*options.quality);
+      bytes = encoding::WebPEncoder::encode(image, metadata, webp);
+      break;
+    }
+    case ExportFormat::jpeg: {
+      encoding::JPEGOptions jpeg;
+      if (options.quality) jpeg.quality = *options.quality;
+      jpeg.maxBytes = options.maxBytes;
+      auto result = encoding::JPEGEncoder::encode(image, metadata, jpeg);
+      if (result.report.floorHit)
+        note = " — reached the minimum JPEG quality (Q" + std::to_string(result.report.qualityUsed) +
+               ") without meeting the target file size";
+      else if (options.maxBytes)
+        note = " — JPEG quality " + std::to_string(result.report.qualityUsed);
+      bytes = std::move(result.data);
+      break;
+    }
+  }
   timer.mark("encode");
-  ResampleEngine::validateDestination(options.out / (stem + (format == "jpeg" ? ".jpg" : ".png")), engine.source());
-  const auto written = publish(options.out, stem, format == "jpeg" ? ".jpg" : ".png", bytes);
+  encoding::NamingFacts facts;
+  facts.sourcePath = file;
+  facts.outputWidth = size.width;
+  facts.outputHeight = size.height;
+  facts.method = std::string(rawValue(options.method));
+  facts.formatToken = std::string(encoding::rawValue(format));
+  facts.index = index;
+  facts.scaleFactor = size.scaleFactor;
+  const auto written = publish(options, facts, bytes, engine.source());
   timer.mark("write");
   std::cout << file.filename().string() << " → " << written.string() << " (" << size.width << " × "
-            << size.height << ")\n";
+            << size.height << ")" << note << "\n";
 }
 
 }  // namespace
@@ -219,9 +347,10 @@ int runEnlarge(const std::vector<std::string>& arguments) {
 
   const bool showProgress = ::isatty(STDERR_FILENO);
   int failed = 0;
-  for (const auto& file : options.files) {
+  for (size_t i = 0; i < options.files.size(); ++i) {
+    const auto& file = options.files[i];
     try {
-      enlargeOne(options, file, showProgress);
+      enlargeOne(options, file, static_cast<int64_t>(i) + 1, showProgress);
     } catch (const Error& e) {
       ++failed;
       std::cerr << file.filename().string() << ": " << e.description();

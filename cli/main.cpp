@@ -16,9 +16,12 @@ constexpr const char* kUsage =
     "Usage: tarnbloom COMMAND [OPTIONS] FILE...\n"
     "\n"
     "Commands:\n"
-    "  enlarge --method exact --size SIZE --out DIR [--format png|jpeg] [--quality N] FILE...\n"
+    "  enlarge --method exact --size SIZE --out DIR [OPTIONS] FILE...\n"
     "                          enlarge each file into DIR, never replacing anything\n"
     "                          SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
+    "                          --format same|png|jpeg|tiff|webp|avif|heic  --quality N  --max-kb N\n"
+    "                          --profile keep|srgb  --icc|--exif|--xmp|--gps keep|strip\n"
+    "                          --flatten white|black|#RRGGBB  --name TEMPLATE\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"
     "Exit status: 0 success, 1 usage error, 2 some files failed, 3 every file failed or was refused.\n";

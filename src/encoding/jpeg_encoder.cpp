@@ -1,0 +1,281 @@
+#include "encoding/jpeg_encoder.h"
+
+#include <stdio.h>
+#include <jpeglib.h>
+
+#include <algorithm>
+#include <csetjmp>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "engine/engine_error.h"
+#include "support/settings.h"
+
+namespace tarnbloom::encoding {
+namespace {
+
+constexpr char kExifHeader[] = "Exif\0\0";  // 6 bytes with the two NULs
+constexpr char kXmpHeader[] = "http://ns.adobe.com/xap/1.0/";  // written with its NUL
+constexpr size_t kMaxMarkerPayload = 65533;
+
+struct ErrorManager {
+  jpeg_error_mgr base;
+  std::jmp_buf jump;
+};
+
+void errorExit(j_common_ptr cinfo) { std::longjmp(reinterpret_cast<ErrorManager*>(cinfo->err)->jump, 1); }
+void quietMessage(j_common_ptr) {}
+
+// Everything an encode needs, prepared outside the setjmp function so that
+// no object with a destructor lives in it.
+struct EncodeJob {
+  const codec::PixelBuffer* image;
+  int quality;
+  std::optional<JPEGSubsampling> subsampling;
+  const std::vector<uint8_t>* icc;
+  const std::vector<uint8_t>* exifMarker;  // with its "Exif\0\0" header
+  const std::vector<uint8_t>* xmpMarker;
+  std::array<uint8_t, 3> flatten;
+  uint8_t* scratch;  // one output row, used when samples need converting
+};
+
+// Turns one render row into 8-bit samples without alpha.
+const uint8_t* prepareRow(const EncodeJob& job, int y) {
+  const codec::PixelBuffer& image = *job.image;
+  const bool sixteen = image.format == codec::SampleFormat::uint16;
+  if (!sixteen && !image.hasAlpha()) return image.row(y);
+  const int colour = image.isGrey() ? 1 : 3;
+  const int channels = image.channels;
+  uint8_t* out = job.scratch;
+  if (sixteen) {
+    const auto* in = reinterpret_cast<const uint16_t*>(image.row(y));
+    for (int x = 0; x < image.width; ++x, in += channels) {
+      const uint32_t a = image.hasAlpha() ? in[channels - 1] : 65535;
+      for (int c = 0; c < colour; ++c) {
+        const uint32_t bg = job.flatten[c] * 257u;
+        const uint64_t v = (uint64_t{in[c]} * a + uint64_t{bg} * (65535 - a) + 32767) / 65535;
+        *out++ = static_cast<uint8_t>((v * 255 + 32767) / 65535);
+      }
+    }
+  } else {
+    const uint8_t* in = image.row(y);
+    for (int x = 0; x < image.width; ++x, in += channels) {
+      const uint32_t a = in[channels - 1];
+      for (int c = 0; c < colour; ++c)
+        *out++ = static_cast<uint8_t>((in[c] * a + job.flatten[c] * (255 - a) + 127) / 255);
+    }
+  }
+  return job.scratch;
+}
+
+// libjpeg reports errors by longjmp; only trivial locals live here.
+bool compress(jpeg_compress_struct* cinfo, const EncodeJob* job, unsigned char** buffer,
+              unsigned long* size) {
+  if (setjmp(reinterpret_cast<ErrorManager*>(cinfo->err)->jump)) return false;
+  jpeg_create_compress(cinfo);
+  jpeg_mem_dest(cinfo, buffer, size);
+  const codec::PixelBuffer& image = *job->image;
+  cinfo->image_width = static_cast<JDIMENSION>(image.width);
+  cinfo->image_height = static_cast<JDIMENSION>(image.height);
+  cinfo->input_components = image.isGrey() ? 1 : 3;
+  cinfo->in_color_space = image.isGrey() ? JCS_GRAYSCALE : JCS_RGB;
+  jpeg_set_defaults(cinfo);
+  jpeg_set_quality(cinfo, job->quality, TRUE);
+  if (job->subsampling && !image.isGrey()) {
+    const int factor = *job->subsampling == JPEGSubsampling::s420 ? 2 : 1;
+    cinfo->comp_info[0].h_samp_factor = factor;
+    cinfo->comp_info[0].v_samp_factor = factor;
+    for (int c = 1; c < 3; ++c) cinfo->comp_info[c].h_samp_factor = cinfo->comp_info[c].v_samp_factor = 1;
+  }
+  jpeg_start_compress(cinfo, TRUE);
+  if (!job->exifMarker->empty())
+    jpeg_write_marker(cinfo, JPEG_APP0 + 1, job->exifMarker->data(),
+                      static_cast<unsigned>(job->exifMarker->size()));
+  if (!job->icc->empty())
+    jpeg_write_icc_profile(cinfo, job->icc->data(), static_cast<unsigned>(job->icc->size()));
+  if (!job->xmpMarker->empty())
+    jpeg_write_marker(cinfo, JPEG_APP0 + 1, job->xmpMarker->data(),
+                      static_cast<unsigned>(job->xmpMarker->size()));
+  while (cinfo->next_scanline < cinfo->image_height) {
+    JSAMPROW row = const_cast<JSAMPROW>(prepareRow(*job, static_cast<int>(cinfo->next_scanline)));
+    jpeg_write_scanlines(cinfo, &row, 1);
+  }
+  jpeg_finish_compress(cinfo);
+  return true;
+}
+
+std::vector<uint8_t> marker(const char* header, size_t headerSize, std::span<const uint8_t> body) {
+  if (body.empty()) return {};
+  // Neither EXIF nor standard XMP may span markers; a block that does not
+  // fit one cannot be carried faithfully.
+  if (headerSize + body.size() > kMaxMarkerPayload) throw EngineError::jpegEncode();
+  std::vector<uint8_t> bytes(header, header + headerSize);
+  bytes.insert(bytes.end(), body.begin(), body.end());
+  return bytes;
+}
+
+}  // namespace
+
+std::string_view rawValue(JPEGSubsampling subsampling) {
+  return subsampling == JPEGSubsampling::s444 ? "4:4:4" : "4:2:0";
+}
+
+std::optional<JPEGSubsampling> jpegSubsamplingFromRawValue(std::string_view text) {
+  if (text == "4:4:4") return JPEGSubsampling::s444;
+  if (text == "4:2:0") return JPEGSubsampling::s420;
+  return std::nullopt;
+}
+
+JPEGOptions JPEGOptions::normalized() const {
+  JPEGOptions n = *this;
+  n.quality = std::clamp(quality, 1, 100);
+  n.floor = std::clamp(floor, 1, n.quality);
+  return n;
+}
+
+JPEGOptions JPEGOptions::saved(const Settings& settings) {
+  JPEGOptions options;
+  if (const auto q = settings.integer("jpeg.quality")) options.quality = static_cast<int>(std::clamp<int64_t>(*q, -1000, 1000));
+  if (const auto s = settings.string("jpeg.subsampling")) options.subsampling = jpegSubsamplingFromRawValue(*s);
+  if (const auto m = settings.integer("jpeg.maxBytes"); m && *m > 0) options.maxBytes = *m;
+  if (const auto f = settings.integer("jpeg.floor")) options.floor = static_cast<int>(std::clamp<int64_t>(*f, -1000, 1000));
+  return options;
+}
+
+void JPEGOptions::save(Settings& settings) const {
+  settings.set("jpeg.quality", quality);
+  if (subsampling)
+    settings.set("jpeg.subsampling", std::string(rawValue(*subsampling)));
+  else
+    settings.remove("jpeg.subsampling");
+  if (maxBytes)
+    settings.set("jpeg.maxBytes", *maxBytes);
+  else
+    settings.remove("jpeg.maxBytes");
+  settings.set("jpeg.floor", floor);
+}
+
+std::vector<uint8_t> JPEGEncoder::encodeOnce(const codec::PixelBuffer& image,
+                                             const OutputMetadata& metadata, int quality,
+                                             std::optional<JPEGSubsampling> subsampling,
+                                             std::array<uint8_t, 3> flatten) {
+  if (image.format == codec::SampleFormat::float32 || image.channels < 1 || image.channels > 4 ||
+      image.width <= 0 || image.height <= 0 || image.width > 65500 || image.height > 65500)
+    throw EngineError::jpegEncode();
+  const std::vector<uint8_t> exif = marker(kExifHeader, 6, metadata.exif);
+  const std::vector<uint8_t> xmp =
+      metadata.xmp ? marker(kXmpHeader, sizeof kXmpHeader,
+                            std::span(reinterpret_cast<const uint8_t*>(metadata.xmp->data()),
+                                      metadata.xmp->size()))
+                   : std::vector<uint8_t>{};
+  std::vector<uint8_t> scratch(static_cast<size_t>(image.width) * 3);
+  const EncodeJob job{&image, std::clamp(quality, 1, 100), subsampling, &metadata.icc, &exif, &xmp,
+                      flatten, scratch.data()};
+
+  jpeg_compress_struct cinfo{};
+  ErrorManager errors{};
+  cinfo.err = jpeg_std_error(&errors.base);
+  errors.base.error_exit = errorExit;
+  errors.base.output_message = quietMessage;
+  unsigned char* buffer = nullptr;
+  unsigned long size = 0;
+  const bool ok = compress(&cinfo, &job, &buffer, &size);
+  jpeg_destroy_compress(&cinfo);
+  std::vector<uint8_t> out;
+  if (ok) out.assign(buffer, buffer + size);
+  std::free(buffer);
+  if (!ok) throw EngineError::jpegEncode();
+  return out;
+}
+
+JPEGEncodeResult JPEGEncoder::encode(const codec::PixelBuffer& image, const OutputMetadata& metadata,
+                                     const JPEGOptions& options, std::array<uint8_t, 3> flatten) {
+  const JPEGOptions n = options.normalized();
+  JPEGEncodeResult result;
+  auto attempt = [&](int quality) {
+    ++result.attempts;
+    return encodeOnce(image, metadata, quality, n.subsampling, flatten);
+  };
+  auto fits = [&](const std::vector<uint8_t>& data) {
+    return static_cast<int64_t>(data.size()) <= *n.maxBytes;
+  };
+
+  int used = n.quality;
+  bool floorHit = false;
+  std::vector<uint8_t> data = attempt(n.quality);
+  if (n.maxBytes && !fits(data)) {
+    if (n.floor >= n.quality) {
+      floorHit = true;
+    } else {
+      std::vector<uint8_t> atFloor = attempt(n.floor);
+      used = n.floor;
+      if (!fits(atFloor)) {
+        floorHit = true;
+        data = std::move(atFloor);
+      } else {
+        // The floor fits and the requested quality does not: the answer
+        // lies in [floor, quality - 1]; try the upper middle each time.
+        int lo = n.floor, hi = n.quality - 1;
+        data = std::move(atFloor);
+        while (lo < hi) {
+          const int mid = lo + (hi - lo + 1) / 2;
+          std::vector<uint8_t> candidate = attempt(mid);
+          if (fits(candidate)) {
+            lo = mid;
+            data = std::move(candidate);
+          } else {
+            hi = mid - 1;
+          }
+        }
+        used = lo;
+      }
+    }
+  }
+
+  JPEGEncodeReport& report = result.report;
+  report.qualityRequested = n.quality;
+  report.qualityUsed = used;
+  report.subsamplingRequested = n.subsampling;
+  report.subsamplingActual = actualSubsampling(data);
+  report.maxBytes = n.maxBytes;
+  report.floor = n.floor;
+  report.floorHit = floorHit;
+  report.bytesActual = static_cast<int64_t>(data.size());
+  result.data = std::move(data);
+  return result;
+}
+
+std::optional<JPEGSubsampling> JPEGEncoder::actualSubsampling(std::span<const uint8_t> data) {
+  if (data.size() < 2 || data[0] != 0xFF || data[1] != 0xD8) return std::nullopt;
+  size_t at = 2;
+  while (at + 1 < data.size()) {
+    if (data[at] != 0xFF) return std::nullopt;
+    const uint8_t code = data[at + 1];
+    if (code == 0xFF) {  // fill byte before a marker
+      ++at;
+      continue;
+    }
+    at += 2;
+    if (code == 0x01 || (code >= 0xD0 && code <= 0xD7)) continue;  // no length
+    if (code == 0xD9 || code == 0xDA) return std::nullopt;  // image data before any frame
+    if (at + 2 > data.size()) return std::nullopt;
+    const size_t length = size_t{data[at]} << 8 | data[at + 1];
+    if (length < 2 || at + length > data.size()) return std::nullopt;
+    const bool frame = code >= 0xC0 && code <= 0xCF && code != 0xC4 && code != 0xC8 && code != 0xCC;
+    if (frame) {
+      // length(2) precision(1) height(2) width(2) count(1), then per
+      // component: id(1) sampling(1) table(1).
+      if (length < 8 + 3 || data[at + 7] != 3 || length < 8 + 9) return std::nullopt;
+      const uint8_t sampling = data[at + 9];
+      const int h = sampling >> 4, v = sampling & 0x0F;
+      if (h == 1 && v == 1) return JPEGSubsampling::s444;
+      if (h == 2 && v == 2) return JPEGSubsampling::s420;
+      return std::nullopt;
+    }
+    at += length;
+  }
+  return std::nullopt;
+}
+
+}  // namespace tarnbloom::encoding
