@@ -30,8 +30,9 @@ namespace tarnbloom::cli {
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: tarnbloom enlarge --method exact --size SIZE --out DIR [OPTIONS] FILE...\n"
+    "Usage: tarnbloom enlarge --method exact|clarity|enhance --size SIZE --out DIR [OPTIONS] FILE...\n"
     "  SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
+    "  --strength S         Enhance only: how much AI estimate to keep, 0.1...1.0 (default 0.5)\n"
     "  --format same|png|jpeg|tiff|webp|avif|heic   (default: same as source)\n"
     "  --quality N          lossy quality 1...100 (JPEG 95, WebP 85, HEIC/AVIF 90)\n"
     "  --max-kb N           JPEG file size ceiling in kilobytes (1 KB = 1000 bytes)\n"
@@ -56,6 +57,7 @@ struct Options {
   std::optional<encoding::ExportFormat> format;
   std::optional<int> quality;
   std::optional<int64_t> maxBytes;
+  double strength = 0.5;  // Enhance only
   encoding::ColourPolicy policy;
   std::string nameTemplate = encoding::NamingEngine::defaultTemplate();
   std::vector<std::filesystem::path> files;
@@ -109,7 +111,7 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       else if (m == "clarity")
         options.method = ResampleMethod::clarity;
       else if (m == "enhance")
-        throw UsageError("The " + m + " method is not available in this version; use --method exact.");
+        options.method = ResampleMethod::estimate;
       else
         throw UsageError("Unknown method “" + m + "”.");
       haveMethod = true;
@@ -131,6 +133,11 @@ Options parseOptions(const std::vector<std::string>& arguments) {
                            " can’t be written on this computer: no encoder for it is installed.");
         options.format = format;
       }
+    } else if (a == "--strength") {
+      const double strength = parseNumber(next(), "strength");
+      if (!(strength >= 0.1 && strength <= 1.0))
+        throw UsageError("Strength must be a number from 0.1 to 1.0 (how much of the AI estimate to keep).");
+      options.strength = strength;
     } else if (a == "--quality") {
       const double q = parseNumber(next(), "quality");
       if (q < 1 || q > 100 || q != std::floor(q)) throw UsageError("Quality must be a whole number from 1 to 100.");
@@ -260,6 +267,7 @@ void enlargeOne(const Options& options, const std::filesystem::path& file, int64
                           format == ExportFormat::avif))
     policy.profile = encoding::ProfilePolicy::srgb;
   RenderOutput output;
+  output.estimateStrength = options.strength;
   output.keepProfile = policy.profile == encoding::ProfilePolicy::keep;
   output.sixteenBit = sixteenBit;
   if (!encoding::supportsAlpha(format) && source.hasAlpha) {

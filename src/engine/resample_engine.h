@@ -23,6 +23,8 @@ struct RenderOutput {
   bool sixteenBit = false;
   // Composite onto this linear sRGB colour instead of keeping alpha.
   std::optional<std::array<float, 3>> flatten;
+  // How much of the AI estimate an Enhance render keeps (0.1 ... 1.0).
+  double estimateStrength = 0.5;
 };
 
 // Called with (done, total) bands; and polled between bands.
@@ -96,6 +98,13 @@ class ResampleEngine {
   static codec::PixelBuffer applyOrientation(const codec::PixelBuffer& image, uint32_t orientation);
 
  private:
+  // The Enhance render: the ×4 estimate of the whole source, resized to the
+  // target and blended with the Exact render, then converted like any other.
+  codec::PixelBuffer renderEstimate(ResampleTarget target, const RenderOutput& output,
+                                    const OutputConverter& converter, const RenderProgress& progress,
+                                    const std::atomic<bool>* cancel) const;
+  // The Exact render at `target` as 8-bit premultiplied sRGB RGBA.
+  std::vector<uint8_t> exactMosaic(ResampleTarget target) const;
   // Renders output columns [x0, x0+width) of rows [y0, y1) with margin rows
   // of context into floats, and converts them into `out`, output row y
   // going to out row y - outRowOffset. `scratch` carries buffers from one

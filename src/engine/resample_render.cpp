@@ -134,6 +134,8 @@ codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMe
   if (output.flatten) converter.setFlatten(*output.flatten);
   if (!m_source.hasAlpha) converter.assumeOpaque();
 
+  if (method == ResampleMethod::estimate) return renderEstimate(target, output, converter, progress, cancel);
+
   codec::PixelBuffer result;
   try {
     result.allocate(static_cast<int>(target.width), static_cast<int>(target.height), converter.channels(),

@@ -5,6 +5,7 @@
 
 #include "engine/estimate_engine.h"
 #include "engine/estimate_error.h"
+#include "engine/resample_engine.h"
 #include "model_fixtures.h"
 
 namespace tarnbloom {
@@ -94,6 +95,48 @@ TEST(EstimateEngine, JoinsTilesWithoutSeams) {
   EXPECT_GT(psnr, 45.0);
   EXPECT_LE(seam / seamCount, 2 * std::max(rest / restCount, 0.05)) << "seam " << seam / seamCount << " rest " << rest / restCount;
 
+}
+
+}  // namespace
+}  // namespace tarnbloom
+
+namespace tarnbloom {
+namespace {
+
+TEST(EstimateRender, BlendsTheEstimateIntoTheExportByStrength) {
+  const auto files = testing::makeModel(6, 2, 4, true);
+  EstimateEngine::shared().useModel(SrvggNetwork::parse(files.param, files.bin), "test");
+
+  codec::PixelBuffer pixels;
+  pixels.allocate(40, 30, 3, codec::SampleFormat::uint8);
+  for (size_t i = 0; i < pixels.data.size(); ++i) pixels.data[i] = static_cast<uint8_t>((i * 37) % 251);
+  SourceImage source;
+  source.colorSpace = codec::ColourSpace::forFrame({}, false);
+  source.bitmap = std::make_shared<const codec::PixelBuffer>(std::move(pixels));
+  const ResampleEngine engine(std::move(source));
+
+  RenderOutput srgb;
+  srgb.keepProfile = false;
+  const codec::PixelBuffer exact = engine.exportImage({160, 120}, ResampleMethod::exact, srgb);
+  auto distance = [&](double strength) {
+    RenderOutput output = srgb;
+    output.estimateStrength = strength;
+    int64_t tiles = 0;
+    const codec::PixelBuffer enhanced = engine.exportImage(
+        {160, 120}, ResampleMethod::estimate, output, [&](int64_t, int64_t total) { tiles = total; });
+    EXPECT_EQ(tiles, 1);
+    double sum = 0;
+    for (size_t i = 0; i < exact.data.size(); ++i) sum += std::abs(enhanced.data[i] - exact.data[i]);
+    return sum / exact.data.size();
+  };
+  const double full = distance(1.0);
+  const double light = distance(0.1);
+  EXPECT_GT(full, 5.0) << "the test network must change the picture";
+  EXPECT_NEAR(light, 0.1 * full, 0.03 * full + 1.0);
+
+  ::setenv("TARNBLOOM_ESTIMATE_MODEL", "/nonexistent/model.param", 1);
+  EXPECT_FALSE(EstimateEngine::configuredURL());
+  ::unsetenv("TARNBLOOM_ESTIMATE_MODEL");
 }
 
 }  // namespace

@@ -1,0 +1,115 @@
+// The Enhance render: the network's ×4 estimate, resized to the target and
+// blended with Exact. The estimate works on 8-bit premultiplied sRGB, as the
+// network was trained on sRGB pictures; the result then goes through the
+// same output conversion as every other method.
+
+#include <algorithm>
+#include <cmath>
+
+#include "engine/colour_conversion.h"
+#include "engine/engine_error.h"
+#include "engine/estimate_engine.h"
+#include "engine/lanczos_resampler.h"
+#include "engine/resample_engine.h"
+
+namespace tarnbloom {
+namespace {
+
+float srgbToLinear(float v) {
+  return v <= 0.04045f ? v / 12.92f : std::pow((v + 0.055f) / 1.055f, 2.4f);
+}
+
+uint8_t premultiplied(uint8_t colour, uint8_t alpha) {
+  return static_cast<uint8_t>((colour * alpha + 127) / 255);
+}
+
+// An 8-bit premultiplied RGBA image resampled with Lanczos to another size,
+// in the sRGB values themselves.
+std::vector<uint8_t> resizeMosaic(const MosaicImage& from, ResampleTarget to) {
+  FloatImage source(from.width, from.height, 4);
+  for (size_t i = 0; i < from.rgba.size(); ++i) source.data[i] = from.rgba[i] / 255.0f;
+  std::vector<uint8_t> out(static_cast<size_t>(to.width * to.height) * 4);
+  const LanczosResampler::BandResampler band(source, 0, 0, from.width, from.height, to.width, to.height, 0, 0,
+                                             to.width, to.height);
+#pragma omp parallel
+  {
+    FloatImage row(to.width, 1, 4);
+#pragma omp for schedule(static)
+    for (int64_t y = 0; y < to.height; ++y) {
+      band.row(y, row.data.data());
+      uint8_t* o = out.data() + static_cast<size_t>(y * to.width) * 4;
+      for (int64_t x = 0; x < to.width; ++x) {
+        const float alpha = std::clamp(row.data[x * 4 + 3], 0.0f, 1.0f);
+        for (int c = 0; c < 3; ++c)
+          o[x * 4 + c] = static_cast<uint8_t>(std::lround(std::clamp(row.data[x * 4 + c], 0.0f, alpha) * 255));
+        o[x * 4 + 3] = static_cast<uint8_t>(std::lround(alpha * 255));
+      }
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<uint8_t> ResampleEngine::exactMosaic(ResampleTarget target) const {
+  RenderOutput srgb;
+  srgb.keepProfile = false;
+  const codec::PixelBuffer rendered = exportImage(target, ResampleMethod::exact, srgb);
+  std::vector<uint8_t> mosaic(static_cast<size_t>(target.width * target.height) * 4);
+  const int channels = rendered.channels;
+#pragma omp parallel for schedule(static)
+  for (int64_t y = 0; y < target.height; ++y) {
+    const uint8_t* in = rendered.row(static_cast<int>(y));
+    uint8_t* out = mosaic.data() + static_cast<size_t>(y * target.width) * 4;
+    for (int64_t x = 0; x < target.width; ++x) {
+      const uint8_t alpha = channels == 4 ? in[x * 4 + 3] : 255;
+      for (int c = 0; c < 3; ++c) out[x * 4 + c] = premultiplied(in[x * channels + c], alpha);
+      out[x * 4 + 3] = alpha;
+    }
+  }
+  return mosaic;
+}
+
+codec::PixelBuffer ResampleEngine::renderEstimate(ResampleTarget target, const RenderOutput& output,
+                                                  const OutputConverter& converter,
+                                                  const RenderProgress& progress,
+                                                  const std::atomic<bool>* cancel) const {
+  const ResampleTarget sourceSize{m_linear.width, m_linear.height};
+  const MosaicImage mosaic{sourceSize.width, sourceSize.height, exactMosaic(sourceSize)};
+  const MosaicImage estimate = EstimateEngine::shared().inferTiled(mosaic, progress, cancel);
+
+  std::vector<uint8_t> pixels = estimate.width == target.width && estimate.height == target.height
+                                    ? estimate.rgba
+                                    : resizeMosaic(estimate, target);
+  if (!EstimateEngine::isUnblended(output.estimateStrength))
+    pixels = EstimateEngine::blendedPixels(pixels, exactMosaic(target), output.estimateStrength);
+  if (cancel && cancel->load()) throw EngineError::cancelled();
+
+  float decode[256];
+  for (int v = 0; v < 256; ++v) decode[v] = srgbToLinear(v / 255.0f);
+  codec::PixelBuffer result;
+  result.allocate(static_cast<int>(target.width), static_cast<int>(target.height), converter.channels(),
+                  converter.format());
+#pragma omp parallel
+  {
+    FloatImage row(target.width, 1, 4);
+#pragma omp for schedule(static)
+    for (int64_t y = 0; y < target.height; ++y) {
+      const uint8_t* in = pixels.data() + static_cast<size_t>(y * target.width) * 4;
+      for (int64_t x = 0; x < target.width; ++x) {
+        // Straight sRGB, then linear light premultiplied: the working format.
+        const uint8_t alpha = in[x * 4 + 3];
+        const float a = alpha / 255.0f;
+        for (int c = 0; c < 3; ++c) {
+          const int straight = alpha ? std::min(255, (in[x * 4 + c] * 255 + alpha / 2) / alpha) : 0;
+          row.data[x * 4 + c] = decode[straight] * a;
+        }
+        row.data[x * 4 + 3] = a;
+      }
+      converter.convertRow(row.data.data(), target.width, result.row(static_cast<int>(y)));
+    }
+  }
+  return result;
+}
+
+}  // namespace tarnbloom
