@@ -105,11 +105,7 @@ std::string EstimateEngine::artifactDigest() {
 }
 
 std::string EstimateEngine::precisionText() {
-  return EstimateNetwork::defaultPrecision() == EstimateNetwork::Precision::bf16
-             ? "float32 I/O; BF16 weights and activations with float32 accumulation (oneDNN, CPU); "
-               "float16 model weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic"
-             : "float32 I/O; float32 weights, activations and accumulation (oneDNN, CPU); float16 model "
-               "weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic";
+  return EstimateNetwork::precisionText(EstimateNetwork::defaultPrecision());
 }
 
 MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgress& onTile,

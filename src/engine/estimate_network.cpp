@@ -178,8 +178,8 @@ void EstimateNetwork::infer(const float* input, float* output) {
     }
 }
 
-std::string EstimateNetwork::precisionText() const {
-  return m_precision == Precision::bf16
+std::string EstimateNetwork::precisionText(Precision precision) {
+  return precision == Precision::bf16
              ? "float32 I/O; BF16 weights and activations with float32 accumulation (oneDNN, CPU); "
                "float16 model weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic"
              : "float32 I/O; float32 weights, activations and accumulation (oneDNN, CPU); float16 model "

@@ -37,7 +37,8 @@ class EstimateNetwork {
   Precision precision() const { return m_precision; }
   int upscale() const { return m_upscale; }
   // A truthful account of what is computed, for receipts.
-  std::string precisionText() const;
+  std::string precisionText() const { return precisionText(m_precision); }
+  static std::string precisionText(Precision precision);
 
  private:
   struct Impl;
