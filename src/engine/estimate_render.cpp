@@ -74,6 +74,7 @@ codec::PixelBuffer ResampleEngine::renderEstimate(ResampleTarget target, const R
                                                   const OutputConverter& converter,
                                                   const RenderProgress& progress,
                                                   const std::atomic<bool>* cancel) const {
+  EstimateEngine::shared().model();  // a missing model fails before any rendering
   const ResampleTarget sourceSize{m_linear.width, m_linear.height};
   const MosaicImage mosaic{sourceSize.width, sourceSize.height, exactMosaic(sourceSize)};
   const MosaicImage estimate = EstimateEngine::shared().inferTiled(mosaic, progress, cancel);

@@ -141,3 +141,30 @@ TEST(EstimateRender, BlendsTheEstimateIntoTheExportByStrength) {
 
 }  // namespace
 }  // namespace tarnbloom
+
+namespace tarnbloom {
+namespace {
+
+std::string inferenceFailure(SrvggNetwork network) {
+  EstimateEngine::shared().useModel(std::move(network), "test");
+  const MosaicImage image{40, 30, std::vector<uint8_t>(40 * 30 * 4, 200)};
+  try {
+    EstimateEngine::shared().inferTiled(image);
+  } catch (const EstimateError& error) {
+    return error.description();
+  }
+  return "(inferred)";
+}
+
+TEST(EstimateEngine, ChecksEveryPrediction) {
+  const auto twice = testing::makeModel(4, 1, 2, true);
+  EXPECT_EQ(inferenceFailure(SrvggNetwork::parse(twice.param, twice.bin)),
+            "Enhance model failed: prediction must be [1, 3, 1024, 1024]");
+  const auto files = testing::makeModel(4, 1, 4, false);
+  SrvggNetwork poisoned = SrvggNetwork::parse(files.param, files.bin);
+  poisoned.convolutions[1].bias[2] = NAN;
+  EXPECT_EQ(inferenceFailure(std::move(poisoned)), "Enhance model failed: non-finite prediction");
+}
+
+}  // namespace
+}  // namespace tarnbloom
