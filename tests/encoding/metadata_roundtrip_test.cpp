@@ -2,6 +2,7 @@
 
 #include <lcms2.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -291,6 +292,77 @@ TEST(WebPEncoder, LimitsAndOptions) {
   ASSERT_EQ(frame.pixels.width, 16383);
   ASSERT_TRUE(frame.pixels.hasAlpha());
   EXPECT_TRUE(std::equal(strip.data.begin(), strip.data.end(), frame.pixels.data.begin()));
+}
+
+}  // namespace
+}  // namespace tarnbloom::encoding
+
+namespace tarnbloom::encoding {
+namespace {
+
+// CIE Lab of 8-bit pixels in the given profile (sRGB when empty).
+std::vector<cmsCIELab> labOf(const codec::PixelBuffer& pixels, const std::vector<uint8_t>& icc) {
+  cmsHPROFILE in = icc.empty() ? cmsCreate_sRGBProfile()
+                               : cmsOpenProfileFromMem(icc.data(), static_cast<cmsUInt32Number>(icc.size()));
+  cmsHPROFILE lab = cmsCreateLab4Profile(nullptr);
+  cmsHTRANSFORM transform =
+      cmsCreateTransform(in, TYPE_RGB_8, lab, TYPE_Lab_DBL, INTENT_RELATIVE_COLORIMETRIC, 0);
+  const size_t count = static_cast<size_t>(pixels.width) * pixels.height;
+  std::vector<cmsCIELab> out(count);
+  cmsDoTransform(transform, pixels.data.data(), out.data(), static_cast<cmsUInt32Number>(count));
+  cmsDeleteTransform(transform);
+  cmsCloseProfile(lab);
+  cmsCloseProfile(in);
+  return out;
+}
+
+struct DeltaE {
+  double mean = 0;
+  double p99 = 0;
+};
+
+DeltaE deltaE2000(const std::vector<cmsCIELab>& a, const std::vector<cmsCIELab>& b) {
+  std::vector<double> d(a.size());
+  for (size_t i = 0; i < a.size(); ++i) d[i] = cmsCIE2000DeltaE(&a[i], &b[i], 1, 1, 1);
+  DeltaE result;
+  for (double v : d) result.mean += v / d.size();
+  std::nth_element(d.begin(), d.begin() + d.size() * 99 / 100, d.end());
+  result.p99 = d[d.size() * 99 / 100];
+  return result;
+}
+
+// A wide-gamut photo kept in its profile through a lossy codec must land no
+// further from the sRGB rendering of the same photo than the codec itself
+// lands from an sRGB source at the same quality. rocket.jpg carries Adobe RGB.
+TEST(ExportPixels, WideGamutKeptThroughLossyCodecsCostsNoMoreThanTheCodec) {
+  const ResampleEngine engine(ResampleEngine::load(testing::samplePath("rocket.jpg")));
+  ASSERT_EQ(engine.source().profileName(), "AdobeRGB1998");
+  // The flames and sky in the middle of the frame: the most saturated part.
+  const ResampleTarget size{engine.linear().width, engine.linear().height};
+  const OutputRect middle{192, 96, 256, 192};
+  const PixelBuffer keptImage = engine.previewTile(size, middle, ResampleMethod::exact, true);
+  const PixelBuffer srgbImage = engine.previewTile(size, middle, ResampleMethod::exact, false);
+  const auto reference = labOf(srgbImage, {});
+
+  ColourPolicy keepPolicy, srgbPolicy;
+  srgbPolicy.profile = ProfilePolicy::srgb;
+  for (const ExportFormat format : {ExportFormat::jpeg, ExportFormat::webp, ExportFormat::heic, ExportFormat::avif}) {
+    if (!isWritable(format)) continue;
+    SCOPED_TRACE(std::string(title(format)));
+    const int64_t w = middle.width, h = middle.height;
+    const auto keptBytes = encodeAs(format, keptImage, OutputMetadata::resolve(engine.source(), keepPolicy, {}, w, h));
+    const auto ownBytes = encodeAs(format, srgbImage, OutputMetadata::resolve(engine.source(), srgbPolicy, {}, w, h));
+    const auto kept = codec::decodeFrame(std::as_bytes(std::span(keptBytes)));
+    const auto own = codec::decodeFrame(std::as_bytes(std::span(ownBytes)));
+    ASSERT_FALSE(kept.iccProfile.empty());
+    const DeltaE keptError = deltaE2000(labOf(kept.pixels, kept.iccProfile), reference);
+    const DeltaE codecError = deltaE2000(labOf(own.pixels, own.iccProfile), reference);
+    std::printf("%-5s kept Adobe RGB: mean %.3f, p99 %.3f dE2000; sRGB source: mean %.3f, p99 %.3f\n",
+                std::string(title(format)).c_str(), keptError.mean, keptError.p99, codecError.mean, codecError.p99);
+    // Some slack: the kept file also carries 8-bit rounding in a wider space.
+    EXPECT_LE(keptError.mean, codecError.mean * 1.15 + 0.05);
+    EXPECT_LE(keptError.p99, codecError.p99 * 1.15 + 0.1);
+  }
 }
 
 }  // namespace
