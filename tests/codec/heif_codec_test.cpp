@@ -19,7 +19,7 @@ namespace {
 
 using tarnbloom::testing::asBytes;
 
-struct HeifSpec {
+struct HeifFixture {
   heif_compression_format format = heif_compression_HEVC;
   int width = 64;
   int height = 48;
@@ -36,7 +36,7 @@ struct HeifSpec {
 // A gradient with a saturated red square in the stored top-left corner, so
 // a wrong orientation or channel order shows. Values span the full range of
 // the file's depth.
-uint32_t sampleAt(const HeifSpec& s, int x, int y, int c) {
+uint32_t sampleAt(const HeifFixture& s, int x, int y, int c) {
   const uint32_t max = (1u << s.bits) - 1;
   if (c == 3) return x < s.width / 2 ? max : max / 3;  // alpha: two flat halves
   if (x < 16 && y < 16) return c == 0 ? max : 0;
@@ -60,7 +60,7 @@ heif_error appendTo(heif_context*, const void* data, size_t size, void* userdata
 
 // Encodes `s` with libheif's own encoders; nullopt when this build has no
 // encoder for the format or it refuses the depth.
-std::optional<std::vector<uint8_t>> encodeHeif(const HeifSpec& s) {
+std::optional<std::vector<uint8_t>> encodeHeif(const HeifFixture& s) {
   Owned<heif_context, heif_context_free> ctx(heif_context_alloc());
   heif_encoder* rawEncoder = nullptr;
   if (heif_context_get_encoder_for_format(ctx.get(), s.format, &rawEncoder).code != heif_error_Ok)
@@ -192,11 +192,11 @@ class HeifDepth : public ::testing::TestWithParam<DepthCase> {};
 
 TEST_P(HeifDepth, DecodesAtNativeDepthScaledToFullRange) {
   const DepthCase param = GetParam();
-  HeifSpec spec;
-  spec.format = param.format;
-  spec.bits = param.bits;
-  spec.alpha = param.alpha;
-  const auto file = encodeHeif(spec);
+  HeifFixture fixture;
+  fixture.format = param.format;
+  fixture.bits = param.bits;
+  fixture.alpha = param.alpha;
+  const auto file = encodeHeif(fixture);
   if (!file)
     GTEST_SKIP() << "no " << formatName(param.format) << " encoder for " << param.bits << " bits";
   tarnbloom::testing::TempDir seeds;  // kept for the fuzzer's corpus in CI
@@ -232,7 +232,7 @@ TEST_P(HeifDepth, DecodesAtNativeDepthScaledToFullRange) {
         const double got = param.bits > 8
                                ? reinterpret_cast<const uint16_t*>(frame.pixels.data.data())[i]
                                : frame.pixels.data[i];
-        worst = std::max(worst, std::abs(got / bufferMax - sampleAt(spec, x, y, c) / fileMax));
+        worst = std::max(worst, std::abs(got / bufferMax - sampleAt(fixture, x, y, c) / fileMax));
       }
   EXPECT_LT(worst, 0.12) << "lossy coding error beyond tolerance";
 }
@@ -264,21 +264,21 @@ TEST(HeifOrientation, KeepsStoredPixelsAndReportsWhatViewersApply) {
                                       {6, true},
                                       {7, true}}) {
     SCOPED_TRACE(std::to_string(exif) + (cropped ? " cropped" : ""));
-    HeifSpec spec;
-    spec.orientation = static_cast<heif_orientation>(exif);
-    spec.clapCrop = cropped;
-    if (cropped) spec.width = 63, spec.height = 47;  // the coded picture is padded
-    const auto file = encodeHeif(spec);
+    HeifFixture fixture;
+    fixture.orientation = static_cast<heif_orientation>(exif);
+    fixture.clapCrop = cropped;
+    if (cropped) fixture.width = 63, fixture.height = 47;  // the coded picture is padded
+    const auto file = encodeHeif(fixture);
     if (!file) GTEST_SKIP() << "no HEVC encoder";
 
     const ContainerProbe probe = probeContainer(asBytes(*file));
     EXPECT_EQ(probe.orientation, static_cast<uint32_t>(exif));
-    EXPECT_EQ(probe.width, spec.width);  // stored, not as shown
-    EXPECT_EQ(probe.height, spec.height);
+    EXPECT_EQ(probe.width, fixture.width);  // stored, not as shown
+    EXPECT_EQ(probe.height, fixture.height);
     const DecodedFrame frame = decodeFrame(asBytes(*file));
     EXPECT_EQ(frame.orientation, static_cast<uint32_t>(exif));
-    ASSERT_EQ(frame.pixels.width, spec.width);
-    ASSERT_EQ(frame.pixels.height, spec.height);
+    ASSERT_EQ(frame.pixels.width, fixture.width);
+    ASSERT_EQ(frame.pixels.height, fixture.height);
     // The marker is still in the stored top-left corner...
     EXPECT_GT(frame.pixels.row(4)[12], 200);
     EXPECT_LT(frame.pixels.row(4)[13], 60);
@@ -295,35 +295,35 @@ TEST(HeifOrientation, KeepsStoredPixelsAndReportsWhatViewersApply) {
 // --- metadata --------------------------------------------------------------
 
 TEST(HeifMetadata, CarriesProfileExifAndXmpUnchanged) {
-  HeifSpec spec;
+  HeifFixture fixture;
   // A TIFF-structured EXIF block with orientation 6: HEIF orientation comes
   // from the item properties, never from EXIF.
-  spec.exif = {'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0,
+  fixture.exif = {'M', 'M', 0, 42, 0, 0, 0, 8, 0, 1, 0x01, 0x12, 0,
                3,   0,   0, 0,  1, 0, 6, 0, 0, 0, 0,    0,    0};
-  spec.xmp = "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"><rdf:RDF/></x:xmpmeta>";
-  spec.icc.assign(560, 0);
-  for (size_t i = 0; i < spec.icc.size(); ++i) spec.icc[i] = static_cast<uint8_t>(i * 7);
-  const auto file = encodeHeif(spec);
+  fixture.xmp = "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"><rdf:RDF/></x:xmpmeta>";
+  fixture.icc.assign(560, 0);
+  for (size_t i = 0; i < fixture.icc.size(); ++i) fixture.icc[i] = static_cast<uint8_t>(i * 7);
+  const auto file = encodeHeif(fixture);
   if (!file) GTEST_SKIP() << "no HEVC encoder";
   const DecodedFrame frame = decodeFrame(asBytes(*file));
-  EXPECT_EQ(frame.exif, spec.exif);
-  EXPECT_EQ(frame.xmp, spec.xmp);
-  EXPECT_EQ(frame.iccProfile, spec.icc);
+  EXPECT_EQ(frame.exif, fixture.exif);
+  EXPECT_EQ(frame.xmp, fixture.xmp);
+  EXPECT_EQ(frame.iccProfile, fixture.icc);
   EXPECT_EQ(frame.orientation, 1u);
 }
 
 TEST(HeifColour, NclxBecomesAProfileUnlessItIsSrgb) {
   // libheif's AV1 path writes a 'colr' nclx box; its HEVC path only puts
   // the description in the bitstream, where this libheif cannot read it.
-  HeifSpec spec;
-  spec.format = heif_compression_AV1;
-  spec.nclxPrimaries = heif_color_primaries_ITU_R_BT_709_5;
-  const auto srgb = encodeHeif(spec);
+  HeifFixture fixture;
+  fixture.format = heif_compression_AV1;
+  fixture.nclxPrimaries = heif_color_primaries_ITU_R_BT_709_5;
+  const auto srgb = encodeHeif(fixture);
   if (!srgb) GTEST_SKIP() << "no AV1 encoder";
   EXPECT_TRUE(decodeFrame(asBytes(*srgb)).iccProfile.empty());
 
-  spec.nclxPrimaries = heif_color_primaries_SMPTE_EG_432_1;  // Display P3
-  const auto p3 = encodeHeif(spec);
+  fixture.nclxPrimaries = heif_color_primaries_SMPTE_EG_432_1;  // Display P3
+  const auto p3 = encodeHeif(fixture);
   const auto icc = decodeFrame(asBytes(*p3)).iccProfile;
   ASSERT_FALSE(icc.empty());
   // sRGB's red lies inside P3: about (234, 51, 35) there. Swapped or wrong
@@ -361,9 +361,9 @@ std::vector<uint8_t> box(const char* type, const std::vector<uint8_t>& body) {
 }
 
 TEST(HeifSequence, AnimatedAvifIsCountedAndRefused) {
-  HeifSpec spec;
-  spec.format = heif_compression_AV1;
-  auto file = encodeHeif(spec);
+  HeifFixture fixture;
+  fixture.format = heif_compression_AV1;
+  auto file = encodeHeif(fixture);
   if (!file) GTEST_SKIP() << "no AV1 encoder";
   // Turn the still file into what an animated AVIF looks like: the sequence
   // brand, and a track whose sample table lists 12 pictures.
@@ -389,8 +389,8 @@ TEST(HeifSequence, AnimatedAvifIsCountedAndRefused) {
 }
 
 TEST(HeifDamage, BadFilesAreUnreadableAndProbeNeverThrows) {
-  HeifSpec spec;
-  const auto file = encodeHeif(spec);
+  HeifFixture fixture;
+  const auto file = encodeHeif(fixture);
   if (!file) GTEST_SKIP() << "no HEVC encoder";
   std::vector<std::pair<std::string, std::vector<uint8_t>>> cases;
   // Truncated inside the box structure, and inside the coded picture.
