@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 #include <jpeglib.h>
+#include <openssl/evp.h>
 
 #include <algorithm>
 #include <csetjmp>
@@ -35,7 +36,7 @@ struct EncodeJob {
   std::optional<JPEGSubsampling> subsampling;
   const std::vector<uint8_t>* icc;
   const std::vector<uint8_t>* exifMarker;  // with its "Exif\0\0" header
-  const std::vector<uint8_t>* xmpMarker;
+  const std::vector<std::vector<uint8_t>>* xmpMarkers;
   std::array<uint8_t, 3> flatten;
   uint8_t* scratch;  // one output row, used when samples need converting
 };
@@ -94,9 +95,8 @@ bool compress(jpeg_compress_struct* cinfo, const EncodeJob* job, unsigned char**
                       static_cast<unsigned>(job->exifMarker->size()));
   if (!job->icc->empty())
     jpeg_write_icc_profile(cinfo, job->icc->data(), static_cast<unsigned>(job->icc->size()));
-  if (!job->xmpMarker->empty())
-    jpeg_write_marker(cinfo, JPEG_APP0 + 1, job->xmpMarker->data(),
-                      static_cast<unsigned>(job->xmpMarker->size()));
+  for (const auto& xmp : *job->xmpMarkers)
+    jpeg_write_marker(cinfo, JPEG_APP0 + 1, xmp.data(), static_cast<unsigned>(xmp.size()));
   while (cinfo->next_scanline < cinfo->image_height) {
     JSAMPROW row = const_cast<JSAMPROW>(prepareRow(*job, static_cast<int>(cinfo->next_scanline)));
     jpeg_write_scanlines(cinfo, &row, 1);
@@ -107,12 +107,61 @@ bool compress(jpeg_compress_struct* cinfo, const EncodeJob* job, unsigned char**
 
 std::vector<uint8_t> marker(const char* header, size_t headerSize, std::span<const uint8_t> body) {
   if (body.empty()) return {};
-  // Neither EXIF nor standard XMP may span markers; a block that does not
-  // fit one cannot be carried faithfully.
+  // EXIF may not span markers; a block that does not fit one cannot be
+  // carried faithfully.
   if (headerSize + body.size() > kMaxMarkerPayload) throw EngineError::jpegEncode();
   std::vector<uint8_t> bytes(header, header + headerSize);
   bytes.insert(bytes.end(), body.begin(), body.end());
   return bytes;
+}
+
+std::string md5Hex(std::string_view text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(text.data(), text.size(), digest, &length, EVP_md5(), nullptr) != 1)
+    throw EngineError::jpegEncode();
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string hex;
+  for (unsigned int i = 0; i < length; ++i) {
+    hex.push_back(kHex[digest[i] >> 4]);
+    hex.push_back(kHex[digest[i] & 15]);
+  }
+  return hex;
+}
+
+// XMP in APP1 markers. A packet too large for one marker (Photoshop's
+// document history easily passes 64 KB) is written the way Adobe's readers
+// expect: a small standard packet naming the extension by its MD5, and the
+// whole packet in extension markers, each saying the total length and its
+// own offset.
+std::vector<std::vector<uint8_t>> xmpMarkers(const std::optional<std::string>& xmp) {
+  if (!xmp || xmp->empty()) return {};
+  auto bytesOf = [](std::string_view text) {
+    return std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+  };
+  if (sizeof kXmpHeader + xmp->size() <= kMaxMarkerPayload) return {marker(kXmpHeader, sizeof kXmpHeader, bytesOf(*xmp))};
+
+  const std::string guid = md5Hex(*xmp);
+  const std::string standard =
+      "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?>"
+      "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"><rdf:RDF "
+      "xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"><rdf:Description rdf:about=\"\" "
+      "xmlns:xmpNote=\"http://ns.adobe.com/xmp/note/\" xmpNote:HasExtendedXMP=\"" + guid +
+      "\"/></rdf:RDF></x:xmpmeta><?xpacket end=\"w\"?>";
+  std::vector<std::vector<uint8_t>> markers = {marker(kXmpHeader, sizeof kXmpHeader, bytesOf(standard))};
+  static constexpr char kExtensionHeader[] = "http://ns.adobe.com/xmp/extension/";  // with its NUL
+  const size_t room = kMaxMarkerPayload - sizeof kExtensionHeader - guid.size() - 8;
+  const auto total = static_cast<uint32_t>(xmp->size());
+  for (size_t offset = 0; offset < xmp->size(); offset += room) {
+    std::vector<uint8_t> chunk(kExtensionHeader, kExtensionHeader + sizeof kExtensionHeader);
+    chunk.insert(chunk.end(), guid.begin(), guid.end());
+    for (uint32_t value : {total, static_cast<uint32_t>(offset)})
+      for (int shift = 24; shift >= 0; shift -= 8) chunk.push_back(static_cast<uint8_t>(value >> shift));
+    const auto piece = bytesOf(*xmp).subspan(offset, std::min(room, xmp->size() - offset));
+    chunk.insert(chunk.end(), piece.begin(), piece.end());
+    markers.push_back(std::move(chunk));
+  }
+  return markers;
 }
 
 }  // namespace
@@ -164,11 +213,7 @@ std::vector<uint8_t> JPEGEncoder::encodeOnce(const codec::PixelBuffer& image,
       image.width <= 0 || image.height <= 0 || image.width > 65500 || image.height > 65500)
     throw EngineError::jpegEncode();
   const std::vector<uint8_t> exif = marker(kExifHeader, 6, metadata.exif);
-  const std::vector<uint8_t> xmp =
-      metadata.xmp ? marker(kXmpHeader, sizeof kXmpHeader,
-                            std::span(reinterpret_cast<const uint8_t*>(metadata.xmp->data()),
-                                      metadata.xmp->size()))
-                   : std::vector<uint8_t>{};
+  const std::vector<std::vector<uint8_t>> xmp = xmpMarkers(metadata.xmp);
   std::vector<uint8_t> scratch(static_cast<size_t>(image.width) * 3);
   const EncodeJob job{&image, std::clamp(quality, 1, 100), subsampling, &metadata.icc, &exif, &xmp,
                       flatten, scratch.data()};

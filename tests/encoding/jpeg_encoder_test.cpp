@@ -151,3 +151,32 @@ TEST(JPEGEncoder, FlattensAlphaOntoTheColour) {
 
 }  // namespace
 }  // namespace tarnbloom::encoding
+
+namespace tarnbloom::encoding {
+namespace {
+
+// Photoshop's document history alone can pass the 64 KB a JPEG marker
+// holds; such XMP must still arrive whole, as extended XMP.
+TEST(JPEGEncoder, CarriesXmpLargerThanOneMarker) {
+  std::string ancestors;
+  for (int i = 0; i < 4000; ++i) ancestors += "<rdf:li>xmp.did:" + std::to_string(1000000 + i * 7919) + "</rdf:li>";
+  OutputMetadata metadata;
+  metadata.xmp =
+      "<?xpacket begin=\"\xEF\xBB\xBF\" id=\"W5M0MpCehiHzreSzNTczkc9d\"?><x:xmpmeta xmlns:x=\"adobe:ns:meta/\">"
+      "<rdf:RDF xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"><rdf:Description rdf:about=\"\" "
+      "xmlns:dc=\"http://purl.org/dc/elements/1.1/\" xmlns:photoshop=\"http://ns.adobe.com/photoshop/1.0/\" "
+      "photoshop:City=\"Lisbon\"><photoshop:DocumentAncestors><rdf:Bag>" + ancestors +
+      "</rdf:Bag></photoshop:DocumentAncestors></rdf:Description>"
+      "<rdf:Description rdf:about=\"\" xmlns:photoshop=\"http://ns.adobe.com/photoshop/1.0/\" "
+      "photoshop:Headline=\"the last words\"/></rdf:RDF></x:xmpmeta><?xpacket end=\"w\"?>";
+  ASSERT_GT(metadata.xmp->size(), 100000u);
+
+  testing::TempDir dir;
+  testing::writeBytes(dir / "history.jpg", JPEGEncoder::encode(texturedImage(64, 48), metadata, {}).data);
+  std::string out;
+  ASSERT_EQ(testing::runCommand("exiftool -s3 -XMP:City -XMP:Headline '" + (dir / "history.jpg").string() + "'", &out), 0);
+  EXPECT_EQ(out, "Lisbon\nthe last words\n") << "what comes after 100 KB of history must arrive too";
+}
+
+}  // namespace
+}  // namespace tarnbloom::encoding
