@@ -69,6 +69,7 @@ struct ChunkScan {
   int colourType = 0;
   int frameCount = 1;
   uint32_t orientation = 1;
+  uint64_t imageDataBytes = 0;  // compressed, over all IDAT chunks
 };
 
 ChunkScan scanChunks(std::span<const uint8_t> bytes) {
@@ -101,6 +102,7 @@ ChunkScan scanChunks(std::span<const uint8_t> bytes) {
     const auto data = bytes.subspan(at + 8, length);
     if (type == "IDAT") {
       seenImageData = true;
+      scan.imageDataBytes += length;
     } else if (type == "acTL" && !seenImageData && length >= 8) {
       // An acTL after the image data is invalid and ignored by APNG readers.
       const uint32_t frames = readBigEndian32(data.data());
@@ -277,6 +279,14 @@ DecodedFrame decodePng(Bytes bytes) {
   if (!scan.headerValid) throw CodecError::unreadable("PNG header is damaged");
   if (scan.frameCount > 1) throw CodecError::multiFrame(scan.frameCount);
   checkDimensions(scan.width, scan.height);
+  // Deflate expands at most about 1,032 times. A header claiming more
+  // pixels than its image data could ever hold is refused before a frame
+  // of that size is allocated (a 100-byte file must not cost gigabytes).
+  const uint64_t rawBytes = (uint64_t{scan.width} * scan.bitDepth *
+                                 (scan.colourType == 2 ? 3 : scan.colourType == 6 ? 4 : scan.colourType == 4 ? 2 : 1) +
+                             7) / 8 * scan.height + scan.height;
+  if (rawBytes > scan.imageDataBytes * 1100 + 4096)
+    throw CodecError::unreadable("PNG image data is too short for its size");
 
   PngInput input{data.data(), data.size(), 0, {}};
   PngReader reader(input);

@@ -166,15 +166,18 @@ TEST(PngCodec, RefusesDamagedInput) {
   const std::string text = "just some words, not a picture";
   expectRefused(std::vector<uint8_t>(text.begin(), text.end()));
 
-  // 100000 x 100000 declared with a valid IHDR CRC: refused before allocating.
-  auto huge = writePng(1, 1, 8, PNG_COLOR_TYPE_GRAY, {0});
-  const uint8_t side[4] = {0x00, 0x01, 0x86, 0xa0};
-  std::memcpy(&huge[16], side, 4);
-  std::memcpy(&huge[20], side, 4);
-  const uint32_t crc = chunkCrc(&huge[12], 17);
-  for (int i = 0; i < 4; ++i) huge[29 + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
-  EXPECT_EQ(probeContainer(asBytes(huge)).width, 100000);
-  expectRefused(huge);
+  // 100000 x 100000, and 20000 x 20000 (within the pixel ceiling), declared
+  // with a valid IHDR CRC over one pixel of image data: refused before a
+  // frame of that size is allocated.
+  for (const uint32_t claimed : {100000u, 20000u}) {
+    auto huge = writePng(1, 1, 8, PNG_COLOR_TYPE_GRAY, {0});
+    for (int at : {16, 20})
+      for (int i = 0; i < 4; ++i) huge[at + i] = static_cast<uint8_t>(claimed >> (24 - 8 * i));
+    const uint32_t crc = chunkCrc(&huge[12], 17);
+    for (int i = 0; i < 4; ++i) huge[29 + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
+    EXPECT_EQ(probeContainer(asBytes(huge)).width, claimed);
+    expectRefused(huge);
+  }
 }
 
 }  // namespace
