@@ -16,7 +16,7 @@ constexpr const char* kUsage =
     "Usage: tarnbloom COMMAND [OPTIONS] FILE...\n"
     "\n"
     "Commands:\n"
-    "  enlarge --method exact --size SIZE --out DIR [OPTIONS] FILE...\n"
+    "  enlarge --method exact|clarity|enhance --size SIZE --out DIR [OPTIONS] FILE...\n"
     "                          enlarge each file into DIR, never replacing anything\n"
     "                          SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
     "                          --format same|png|jpeg|tiff|webp|avif|heic  --quality N  --max-kb N\n"
