@@ -21,7 +21,7 @@ constexpr const char* kUsage =
     "                          SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
     "                          --format same|png|jpeg|tiff|webp|avif|heic  --quality N  --max-kb N\n"
     "                          --profile keep|srgb  --icc|--exif|--xmp|--gps keep|strip\n"
-    "                          --flatten white|black|#RRGGBB  --name TEMPLATE\n"
+    "                          --flatten white|black|#RRGGBB  --name TEMPLATE  --strength S (enhance)\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"
     "Exit status: 0 success, 1 usage error, 2 some files failed, 3 every file failed or was refused.\n";
