@@ -17,9 +17,9 @@ namespace tarnbloom {
 namespace {
 
 constexpr const char* kModelFile = "realesr-general-x4v3.param";
-// The ×4 colour and weight sums are held whole; beyond this the source is
-// too large to enhance in one piece.
-constexpr uint64_t kMaxAccumulatorBytes = 3'200'000'000;
+// The ×4 estimate is held whole as 8-bit RGBA; beyond this the source is
+// too large to enhance.
+constexpr uint64_t kMaxEstimateBytes = 3'200'000'000;
 
 float featherWeight(int64_t distance) {
   const float w = static_cast<float>(distance + 1) / EstimateEngine::featherWidth;
@@ -119,20 +119,53 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
     m_runner = std::make_unique<EstimateNetwork>(network, tileSize, tileSize, 1, EstimateNetwork::defaultPrecision());
 
   const int64_t outWidth = image.width * scale, outHeight = image.height * scale;
-  const uint64_t accumulatorBytes = static_cast<uint64_t>(outWidth) * static_cast<uint64_t>(outHeight) * 16;
-  if (accumulatorBytes > kMaxAccumulatorBytes)
-    throw EngineError::tooLarge(outWidth, outHeight, accumulatorBytes);
-  std::vector<float> sum(static_cast<size_t>(outWidth * outHeight) * 3, 0.0f);
-  std::vector<float> weight(static_cast<size_t>(outWidth * outHeight), 0.0f);
+  const uint64_t resultBytes = static_cast<uint64_t>(outWidth) * static_cast<uint64_t>(outHeight) * 4;
+  if (resultBytes > kMaxEstimateBytes) throw EngineError::tooLarge(outWidth, outHeight, resultBytes);
+  MosaicImage result{outWidth, outHeight, std::vector<uint8_t>(static_cast<size_t>(resultBytes))};
+
+  // Colour and weight sums are kept only for the output rows one row of
+  // tiles covers; rows no later tile reaches are finished and the overlap
+  // carried on, so memory follows the image's width, not its area.
+  const int out = tileSize * scale;
+  const size_t stripPixels = static_cast<size_t>(outWidth) * out;
+  std::vector<float> sum(stripPixels * 3), weight(stripPixels);
+  int64_t stripTop = 0;  // output row of the strip's first row
+
+  // Finishes rows [from, to): alpha sampled bilinearly from the source, colour
+  // divided by its weight and kept within alpha (premultiplied).
+  auto finishRows = [&](int64_t from, int64_t to) {
+#pragma omp parallel for schedule(static)
+    for (int64_t y = from; y < to; ++y) {
+      const double fy = std::clamp((y + 0.5) / scale - 0.5, 0.0, static_cast<double>(image.height - 1));
+      const int64_t y1 = static_cast<int64_t>(fy), y2 = std::min(y1 + 1, image.height - 1);
+      const double wy = fy - y1;
+      for (int64_t x = 0; x < outWidth; ++x) {
+        const double fx = std::clamp((x + 0.5) / scale - 0.5, 0.0, static_cast<double>(image.width - 1));
+        const int64_t x1 = static_cast<int64_t>(fx), x2 = std::min(x1 + 1, image.width - 1);
+        const double wx = fx - x1;
+        auto alphaAt = [&](int64_t xx, int64_t yy) { return image.rgba[(yy * image.width + xx) * 4 + 3] / 255.0; };
+        const double alpha = (alphaAt(x1, y1) * (1 - wx) + alphaAt(x2, y1) * wx) * (1 - wy) +
+                             (alphaAt(x1, y2) * (1 - wx) + alphaAt(x2, y2) * wx) * wy;
+        const size_t at = static_cast<size_t>((y - stripTop) * outWidth + x);
+        uint8_t* p = result.rgba.data() + static_cast<size_t>(y * outWidth + x) * 4;
+        const double a8 = std::round(alpha * 255);
+        for (int c = 0; c < 3; ++c) {
+          const double v = std::round(sum[at * 3 + c] / weight[at] * 255);
+          p[c] = static_cast<uint8_t>(std::clamp(v, 0.0, a8));
+        }
+        p[3] = static_cast<uint8_t>(a8);
+      }
+    }
+  };
 
   const auto columns = gridOrigins(image.width);
   const auto rows = gridOrigins(image.height);
   const int64_t total = static_cast<int64_t>(columns.size() * rows.size());
   std::vector<float> input(3 * tileSize * tileSize);
   std::vector<float> output(3 * tileSize * tileSize * scale * scale);
-  const int out = tileSize * scale;
   int64_t done = 0;
-  for (const int64_t oy : rows)
+  for (size_t r = 0; r < rows.size(); ++r) {
+    const int64_t oy = rows[r];
     for (const int64_t ox : columns) {
       if (cancel && cancel->load()) throw EngineError::cancelled();
       // Samples outside the image repeat its edge.
@@ -166,38 +199,24 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
           if (featherTop) d = std::min<int64_t>(d, y);
           if (featherBottom) d = std::min<int64_t>(d, out - 1 - y);
           const float w = featherWeight(d);
-          const size_t at = static_cast<size_t>(ty * outWidth + tx);
+          const size_t at = static_cast<size_t>((ty - stripTop) * outWidth + tx);
           for (int c = 0; c < 3; ++c) sum[at * 3 + c] += w * output[(static_cast<size_t>(c) * out + y) * out + x];
           weight[at] += w;
         }
       }
       if (onTile) onTile(++done, total);
     }
-
-  // Alpha comes from the source, sampled bilinearly at each output pixel.
-  MosaicImage result{outWidth, outHeight, std::vector<uint8_t>(static_cast<size_t>(outWidth * outHeight) * 4)};
-#pragma omp parallel for schedule(static)
-  for (int64_t y = 0; y < outHeight; ++y) {
-    const double fy = std::clamp((y + 0.5) / scale - 0.5, 0.0, static_cast<double>(image.height - 1));
-    const int64_t y1 = static_cast<int64_t>(fy), y2 = std::min(y1 + 1, image.height - 1);
-    const double wy = fy - y1;
-    for (int64_t x = 0; x < outWidth; ++x) {
-      const double fx = std::clamp((x + 0.5) / scale - 0.5, 0.0, static_cast<double>(image.width - 1));
-      const int64_t x1 = static_cast<int64_t>(fx), x2 = std::min(x1 + 1, image.width - 1);
-      const double wx = fx - x1;
-      auto alphaAt = [&](int64_t xx, int64_t yy) { return image.rgba[(yy * image.width + xx) * 4 + 3] / 255.0; };
-      const double alpha = (alphaAt(x1, y1) * (1 - wx) + alphaAt(x2, y1) * wx) * (1 - wy) +
-                           (alphaAt(x1, y2) * (1 - wx) + alphaAt(x2, y2) * wx) * wy;
-      const size_t at = static_cast<size_t>(y * outWidth + x);
-      uint8_t* p = result.rgba.data() + at * 4;
-      const double a8 = std::round(alpha * 255);
-      for (int c = 0; c < 3; ++c) {
-        // Premultiplied: a colour never exceeds its alpha.
-        const double v = std::round(sum[at * 3 + c] / weight[at] * 255);
-        p[c] = static_cast<uint8_t>(std::clamp(v, 0.0, a8));
-      }
-      p[3] = static_cast<uint8_t>(a8);
-    }
+    // Rows above the next tile row are final; what that row overlaps moves
+    // to the top of the strip.
+    const int64_t nextTop = r + 1 < rows.size() ? std::max<int64_t>(rows[r + 1] * scale, stripTop) : outHeight;
+    finishRows(stripTop, std::min(nextTop, outHeight));
+    if (nextTop >= outHeight) break;
+    const size_t keep = static_cast<size_t>(nextTop - stripTop) * outWidth;
+    std::copy(sum.begin() + keep * 3, sum.end(), sum.begin());
+    std::fill(sum.end() - keep * 3, sum.end(), 0.0f);
+    std::copy(weight.begin() + keep, weight.end(), weight.begin());
+    std::fill(weight.end() - keep, weight.end(), 0.0f);
+    stripTop = nextTop;
   }
   return result;
 }
