@@ -70,6 +70,8 @@ struct ChunkScan {
   int frameCount = 1;
   uint32_t orientation = 1;
   uint64_t imageDataBytes = 0;  // compressed, over all IDAT chunks
+  // A chunk claims more bytes than the file has left before IEND.
+  bool chunkOverrun = false;
 };
 
 ChunkScan scanChunks(std::span<const uint8_t> bytes) {
@@ -97,7 +99,10 @@ ChunkScan scanChunks(std::span<const uint8_t> bytes) {
   size_t at = 8 + 25;
   while (bytes.size() - at >= 12) {
     const uint32_t length = readBigEndian32(bytes.data() + at);
-    if (length > 0x7fffffffu || bytes.size() - at - 12 < length) break;
+    if (length > 0x7fffffffu || bytes.size() - at - 12 < length) {
+      scan.chunkOverrun = true;
+      break;
+    }
     const std::string_view type(reinterpret_cast<const char*>(bytes.data() + at + 4), 4);
     const auto data = bytes.subspan(at + 8, length);
     if (type == "IDAT") {
@@ -279,6 +284,9 @@ DecodedFrame decodePng(Bytes bytes) {
   if (!scan.headerValid) throw CodecError::unreadable("PNG header is damaged");
   if (scan.frameCount > 1) throw CodecError::multiFrame(scan.frameCount);
   checkDimensions(scan.width, scan.height);
+  // libpng allocates a chunk's declared length before reading it: a 4 KB
+  // file claiming a 1.8 GB text chunk would cost that much first.
+  if (scan.chunkOverrun) throw CodecError::unreadable("a PNG chunk runs past the end of the file");
   // Deflate expands at most about 1,032 times. A header claiming more
   // pixels than its image data could ever hold is refused before a frame
   // of that size is allocated (a 100-byte file must not cost gigabytes).
