@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <string>
 #include <vector>
 
 #include "codec/codec_error.h"
@@ -33,6 +34,22 @@ inline void expectRefused(const std::vector<uint8_t>& bytes,
       EXPECT_EQ(e.count(), count);
     }
   }
+}
+
+// A file written with this ICC profile, EXIF (orientation 6) and XMP gives
+// them back byte for byte; both probe and decode read the orientation, and
+// the probe reports the stored size.
+inline void expectMetadataCarried(const std::vector<uint8_t>& file, const std::vector<uint8_t>& icc,
+                                  const std::vector<uint8_t>& exif, const std::string& xmp,
+                                  int storedWidth) {
+  const auto frame = codec::decodeFrame(asBytes(file));
+  EXPECT_EQ(frame.iccProfile, icc);
+  EXPECT_EQ(frame.exif, exif);
+  EXPECT_EQ(frame.xmp, xmp);
+  EXPECT_EQ(frame.orientation, 6u);
+  const auto probe = codec::probeContainer(asBytes(file));
+  EXPECT_EQ(probe.orientation, 6u);
+  EXPECT_EQ(probe.width, storedWidth);  // stored size: orientation is not applied
 }
 
 // Sample i of a frame, whatever its sample format.

@@ -145,14 +145,7 @@ TEST(JpegCodec, CarriesProfileExifAndXmpUnchanged) {
                       static_cast<unsigned>(xmpApp1.size()));
     jpeg_write_icc_profile(c, icc.data(), static_cast<unsigned>(icc.size()));
   });
-  const auto frame = decodeFrame(asBytes(file));
-  EXPECT_EQ(frame.iccProfile, icc);
-  EXPECT_EQ(frame.exif, exif);
-  EXPECT_EQ(frame.xmp, xmp);
-  EXPECT_EQ(frame.orientation, 6u);
-  const auto probe = probeContainer(asBytes(file));
-  EXPECT_EQ(probe.orientation, 6u);
-  EXPECT_EQ(probe.width, 40);  // stored size: orientation is not applied
+  testing::expectMetadataCarried(file, icc, exif, xmp, 40);
 }
 
 TEST(JpegCodec, ReportsTwelveBitPrecisionButCannotDecodeIt) {

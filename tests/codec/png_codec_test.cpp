@@ -129,14 +129,7 @@ TEST(PngCodec, CarriesProfileExifAndXmpUnchanged) {
                                text.text = const_cast<char*>(xmp.c_str());
                                png_set_text(png, info, &text, 1);
                              });
-  const auto frame = decodeFrame(asBytes(file));
-  EXPECT_EQ(frame.iccProfile, icc);
-  EXPECT_EQ(frame.exif, exif);
-  EXPECT_EQ(frame.xmp, xmp);
-  EXPECT_EQ(frame.orientation, 6u);
-  const auto probe = probeContainer(asBytes(file));
-  EXPECT_EQ(probe.orientation, 6u);
-  EXPECT_EQ(probe.width, 5);  // stored size: orientation is not applied
+  testing::expectMetadataCarried(file, icc, exif, xmp, 5);
 }
 
 TEST(PngCodec, RefusesAnimations) {
