@@ -1,46 +1,44 @@
 #include "cli/enlarge_command.h"
 
-#include <unistd.h>
-
 #include <charconv>
-#include <chrono>
-#include <cstdlib>
 #include <cmath>
-#include <cstdio>
 #include <iostream>
 #include <optional>
 #include <set>
 
 #include "cli/exit_codes.h"
-#include "cli/render_progress_line.h"
+#include "cli/export_session.h"
 #include "engine/dimension_resolver.h"
-#include "engine/engine_error.h"
 #include "engine/resample_engine.h"
+#include "engine/source_probe.h"
 #include "encoding/colour_policy.h"
-#include "encoding/encoder_error.h"
 #include "encoding/export_format.h"
-#include "encoding/image_writer.h"
-#include "encoding/jpeg_encoder.h"
 #include "encoding/naming_engine.h"
-#include "encoding/output_metadata.h"
-#include "encoding/webp_encoder.h"
+#include "export/export_options.h"
 #include "support/files.h"
 
 namespace tarnbloom::cli {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr const char* kUsage =
-    "Usage: tarnbloom enlarge --method exact|clarity|enhance --size SIZE --out DIR [OPTIONS] FILE...\n"
+    "Usage: tarnbloom enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n"
     "  SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
+    "  --method exact|clarity|enhance   (default exact)\n"
     "  --strength S         Enhance only: how much AI estimate to keep, 0.1...1.0 (default 0.5)\n"
+    "  --out DIR            output folder (default: beside each source)\n"
+    "  --name TEMPLATE      naming template -- tokens: {source} {sku} {w} {h} {method} "
+    "{format} {scale} {date} {index} {n}\n"
+    "  --if-exists number|skip|overwrite   when the name is taken (default number: \"name 2\")\n"
+    "  --receipts beside|store   receipt next to each export, or in the receipts folder (default store)\n"
+    "  --recursive          also enlarge the images in folders inside FOLDER\n"
     "  --format same|png|jpeg|tiff|webp|avif|heic   (default: same as source)\n"
     "  --quality N          lossy quality 1...100 (JPEG 95, WebP 85, HEIC/AVIF 90)\n"
     "  --max-kb N           JPEG file size ceiling in kilobytes (1 KB = 1000 bytes)\n"
     "  --profile keep|srgb  --icc keep|strip  --exif keep|strip  --xmp keep|strip\n"
     "  --gps keep|strip     (default: keep profile, ICC, EXIF and XMP; strip GPS)\n"
-    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n"
-    "  --name TEMPLATE      Naming template -- tokens: {source} {sku} {w} {h} {method} "
-    "{format} {scale} {date} {index} {n}\n";
+    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n";
 
 struct SizeRequest {
   SizeMode mode = SizeMode::x2;
@@ -49,10 +47,12 @@ struct SizeRequest {
   double boxHeight = 0;
 };
 
+enum class IfExists { number, skip, overwrite };
+
 struct Options {
   ResampleMethod method = ResampleMethod::exact;
   SizeRequest size;
-  std::filesystem::path out;
+  std::filesystem::path out;  // empty: beside each source
   // None: the format that matches each source.
   std::optional<encoding::ExportFormat> format;
   std::optional<int> quality;
@@ -60,6 +60,9 @@ struct Options {
   double strength = 0.5;  // Enhance only
   encoding::ColourPolicy policy;
   std::string nameTemplate = encoding::NamingEngine::defaultTemplate();
+  IfExists ifExists = IfExists::number;
+  bool receiptsBeside = false;
+  bool recursive = false;
   std::vector<std::filesystem::path> files;
 };
 
@@ -174,6 +177,19 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       if (templ.find('/') != std::string::npos || templ.empty())
         throw UsageError("A naming template names a file in the output folder: no “/”, not empty.");
       options.nameTemplate = templ;
+    } else if (a == "--if-exists") {
+      const std::string& v = next();
+      if (v == "number") options.ifExists = IfExists::number;
+      else if (v == "skip") options.ifExists = IfExists::skip;
+      else if (v == "overwrite") options.ifExists = IfExists::overwrite;
+      else throw UsageError("--if-exists takes number, skip or overwrite, not “" + v + "”.");
+    } else if (a == "--receipts") {
+      const std::string& v = next();
+      if (v != "beside" && v != "store")
+        throw UsageError("--receipts takes beside or store, not “" + v + "”.");
+      options.receiptsBeside = v == "beside";
+    } else if (a == "--recursive") {
+      options.recursive = true;
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("Unknown option “" + a + "”.");
     } else {
@@ -182,157 +198,80 @@ Options parseOptions(const std::vector<std::string>& arguments) {
   }
   if (!haveMethod) options.method = ResampleMethod::exact;
   if (!haveSize) throw UsageError("Choose a size with --size.");
-  if (options.out.empty()) throw UsageError("Choose an output folder with --out.");
-  if (options.files.empty()) throw UsageError("Name at least one file to enlarge.");
+  if (options.files.empty()) throw UsageError("Name at least one file or folder to enlarge.");
   return options;
 }
 
-// Publishes bytes under the first free name the template gives, never
-// replacing anything (the source least of all). A name taken by another
-// process between the check and the publication is skipped. Returns the
-// path written.
-std::filesystem::path publish(const Options& options, const encoding::NamingFacts& facts,
-                              const std::vector<uint8_t>& bytes, const SourceImage& source) {
-  std::set<std::filesystem::path> lost;
-  const auto taken = [&](const std::filesystem::path& path) {
+
+exporting::ExportOptions exportOptions(const Options& options) {
+  exporting::ExportOptions result;
+  result.sizeMode = options.size.mode;
+  result.sizeValue = options.size.value;
+  result.boxWidth = options.size.boxWidth;
+  result.boxHeight = options.size.boxHeight;
+  result.formatFollowsSource = !options.format;
+  if (options.format) result.format = *options.format;
+  result.colourPolicy = options.policy;
+  if (options.quality) {
+    result.jpeg.quality = *options.quality;
+    result.webp.lossyQuality = static_cast<float>(*options.quality);
+    result.heifQuality = *options.quality;
+  }
+  result.jpeg.maxBytes = options.maxBytes;
+  result.method = options.method;
+  result.estimateStrength = options.strength;
+  return result;
+}
+
+bool isStillImageName(const fs::path& path) {
+  static const std::set<std::string> extensions = {
+      "png", "jpg", "jpeg", "jpe", "tif", "tiff", "heic", "heif", "hif", "avif", "webp",
+      "dng", "cr2", "cr3", "nef", "nrw", "arw", "raf", "orf", "rw2", "pef", "srw", "x3f", "3fr", "iiq"};
+  std::string extension = path.extension().string();
+  if (extension.size() < 2) return false;
+  extension.erase(0, 1);
+  for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return extensions.contains(extension);
+}
+
+// The files to enlarge: each file argument as given, and the still images
+// of each folder in name order (inside folders too with --recursive, never
+// inside the output folder).
+std::vector<fs::path> expandInputs(const Options& options) {
+  std::vector<fs::path> files;
+  const fs::path out = options.out.empty() ? fs::path() : fs::weakly_canonical(options.out);
+  for (const auto& argument : options.files) {
     std::error_code error;
-    return lost.contains(path) || std::filesystem::exists(std::filesystem::symlink_status(path, error));
-  };
-  auto target = encoding::NamingEngine::resolveOutputPath(options.out, options.nameTemplate, facts,
-                                                          false, taken);
-  ResampleEngine::validateDestination(target, source);
-  AtomicFileWriter writer(target);
-  writer.write(std::as_bytes(std::span(bytes)));
-  for (int tries = 0; tries < 1000; ++tries) {
-    if (writer.commitWithoutReplacing()) return target;
-    lost.insert(target);
-    target = encoding::NamingEngine::resolveOutputPath(options.out, options.nameTemplate, facts,
-                                                       false, taken);
-    ResampleEngine::validateDestination(target, source);
-    writer.retarget(target);
-  }
-  throw EngineError::encode(target);
-}
-
-float linearFromSRGB(double c) {
-  return static_cast<float>(c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4));
-}
-
-// Where an enlargement's time goes, printed when TARNBLOOM_TIMINGS is set.
-class PhaseTimer {
- public:
-  PhaseTimer() : m_enabled(std::getenv("TARNBLOOM_TIMINGS") != nullptr) {}
-  void mark(const char* phase) {
-    const auto now = std::chrono::steady_clock::now();
-    if (m_enabled)
-      m_line += std::string(m_line.empty() ? "" : "  ") + phase + " " +
-                std::to_string(std::chrono::duration<double>(now - m_last).count()).substr(0, 5) + " s";
-    m_last = now;
-  }
-  ~PhaseTimer() {
-    if (m_enabled) std::cerr << "timings: " << m_line << '\n';
-  }
-
- private:
-  bool m_enabled;
-  std::string m_line;
-  std::chrono::steady_clock::time_point m_last = std::chrono::steady_clock::now();
-};
-
-void enlargeOne(const Options& options, const std::filesystem::path& file, int64_t index,
-                bool showProgress) {
-  PhaseTimer timer;
-  SourceImage source = ResampleEngine::load(file);
-  timer.mark("load");
-  using encoding::ExportFormat;
-  const ExportFormat format = options.format.value_or(encoding::matchingFormat(file));
-  const bool sixteenBit = source.bitsPerComponent == 16 && encoding::supports16Bit(format);
-  const ResolvedSize size = DimensionResolver::resolve(
-      source.orientedWidth(), source.orientedHeight(), options.size.mode, options.size.value,
-      options.size.boxWidth, options.size.boxHeight, source.bitsPerComponent,
-      std::string(encoding::rawValue(format)), false);
-  // WebP's side limit is known before any pixel is rendered.
-  if (format == ExportFormat::webp) encoding::WebPEncoder::preflight(size.width, size.height);
-  if (options.maxBytes && format != ExportFormat::jpeg)
-    std::cerr << file.filename().string() << ": --max-kb applies to JPEG only; "
-              << encoding::title(format) << " is written without a ceiling.\n";
-  if (source.bitsPerComponent == 16 && !sixteenBit)
-    std::cerr << file.filename().string() << ": 16-bit source reduced to 8-bit for "
-              << encoding::title(format) << ".\n";
-
-  // WebP, HEIC and AVIF store colour only: a grey source goes to them as
-  // sRGB grey, since its grey profile cannot describe RGB pixels.
-  encoding::ColourPolicy policy = options.policy;
-  if (!source.isRGB() && (format == ExportFormat::webp || format == ExportFormat::heic ||
-                          format == ExportFormat::avif))
-    policy.profile = encoding::ProfilePolicy::srgb;
-  RenderOutput output;
-  output.estimateStrength = options.strength;
-  output.keepProfile = policy.profile == encoding::ProfilePolicy::keep;
-  output.sixteenBit = sixteenBit;
-  if (!encoding::supportsAlpha(format) && source.hasAlpha) {
-    const auto rgb = encoding::ColourPolicy::resolveFlattenColourSRGB(options.policy.flatten);
-    output.flatten = std::array<float, 3>{linearFromSRGB(rgb[0]), linearFromSRGB(rgb[1]),
-                                          linearFromSRGB(rgb[2])};
-  }
-  std::vector<std::string> claims;
-  if (options.method == ResampleMethod::estimate)
-    claims.emplace_back(encoding::kClaimEstimateExport);
-  const encoding::OutputMetadata metadata =
-      encoding::OutputMetadata::resolve(source, policy, claims, size.width, size.height);
-
-  const ResampleEngine engine(std::move(source));
-  timer.mark("linearise");
-  RenderProgressLine line(file.filename().string(), showProgress);
-  const codec::PixelBuffer image = engine.exportImage(
-      {size.width, size.height}, options.method, output,
-      [&](int64_t done, int64_t total) { line.update(done, total); });
-  line.finish();
-  timer.mark("render");
-
-  std::vector<uint8_t> bytes;
-  std::string note;
-  switch (format) {
-    case ExportFormat::png: bytes = encoding::encodePNG(image, metadata); break;
-    case ExportFormat::tiff: bytes = encoding::encodeTIFF(image, metadata); break;
-    case ExportFormat::avif:
-    case ExportFormat::heic:
-      bytes = encoding::encodeHEIF(format, image, metadata,
-                                   options.quality.value_or(encoding::kImageWriterLossyQuality));
-      break;
-    case ExportFormat::webp: {
-      encoding::WebPOptions webp;
-      if (options.quality) webp.lossyQuality = static_cast<float>(*options.quality);
-      bytes = encoding::WebPEncoder::encode(image, metadata, webp);
-      break;
+    if (!fs::is_directory(argument, error)) {
+      files.push_back(argument);
+      continue;
     }
-    case ExportFormat::jpeg: {
-      encoding::JPEGOptions jpeg;
-      if (options.quality) jpeg.quality = *options.quality;
-      jpeg.maxBytes = options.maxBytes;
-      auto result = encoding::JPEGEncoder::encode(image, metadata, jpeg);
-      if (result.report.floorHit)
-        note = " — reached the minimum JPEG quality (Q" + std::to_string(result.report.qualityUsed) +
-               ") without meeting the target file size";
-      else if (options.maxBytes)
-        note = " — JPEG quality " + std::to_string(result.report.qualityUsed);
-      bytes = std::move(result.data);
-      break;
+    std::vector<fs::path> found;
+    const auto consider = [&](const fs::directory_entry& entry) {
+      std::error_code e;
+      if (entry.is_regular_file(e) && isStillImageName(entry.path())) found.push_back(entry.path());
+    };
+    if (options.recursive) {
+      fs::recursive_directory_iterator it(argument, fs::directory_options::skip_permission_denied, error);
+      for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        const bool hidden = it->path().filename().string().starts_with(".");
+        if (it->is_directory(error)) {
+          if (hidden || (!out.empty() && fs::weakly_canonical(it->path()) == out)) it.disable_recursion_pending();
+          continue;
+        }
+        if (!hidden) consider(*it);
+      }
+    } else {
+      for (fs::directory_iterator it(argument, error), end; !error && it != end; it.increment(error))
+        consider(*it);
     }
+    std::sort(found.begin(), found.end());
+    if (found.empty())
+      std::cerr << "“" << argument.string() << "” holds no still images"
+                << (options.recursive ? "" : " (add --recursive to look inside its folders)") << ".\n";
+    files.insert(files.end(), found.begin(), found.end());
   }
-  timer.mark("encode");
-  encoding::NamingFacts facts;
-  facts.sourcePath = file;
-  facts.outputWidth = size.width;
-  facts.outputHeight = size.height;
-  facts.method = std::string(rawValue(options.method));
-  facts.formatToken = std::string(encoding::rawValue(format));
-  facts.index = index;
-  facts.scaleFactor = size.scaleFactor;
-  const auto written = publish(options, facts, bytes, engine.source());
-  timer.mark("write");
-  std::cout << file.filename().string() << " → " << written.string() << " (" << size.width << " × "
-            << size.height << ")" << note << "\n";
+  return files;
 }
 
 }  // namespace
@@ -345,32 +284,116 @@ int runEnlarge(const std::vector<std::string>& arguments) {
     std::cerr << "tarnbloom enlarge: " << error.what() << '\n' << kUsage;
     return kExitUsage;
   }
-  std::error_code error;
-  std::filesystem::create_directories(options.out, error);
-  if (!std::filesystem::is_directory(options.out)) {
-    std::cerr << "tarnbloom enlarge: the output folder “" << options.out.string()
-              << "” doesn’t exist and couldn’t be created.\n";
-    return kExitUsage;
-  }
-
-  const bool showProgress = ::isatty(STDERR_FILENO);
-  int failed = 0;
-  for (size_t i = 0; i < options.files.size(); ++i) {
-    const auto& file = options.files[i];
-    try {
-      enlargeOne(options, file, static_cast<int64_t>(i) + 1, showProgress);
-    } catch (const Error& e) {
-      ++failed;
-      std::cerr << file.filename().string() << ": " << e.description();
-      if (const auto hint = e.recoverySuggestion(); !hint.empty()) std::cerr << ' ' << hint;
-      std::cerr << '\n';
-    } catch (const std::exception& e) {
-      ++failed;
-      std::cerr << file.filename().string() << ": " << e.what() << '\n';
+  if (!options.out.empty()) {
+    std::error_code error;
+    fs::create_directories(options.out, error);
+    if (!fs::is_directory(options.out)) {
+      std::cerr << "tarnbloom enlarge: the output folder “" << options.out.string()
+                << "” doesn’t exist and couldn’t be created.\n";
+      return kExitUsage;
     }
   }
-  if (failed == 0) return kExitSuccess;
-  return failed == static_cast<int>(options.files.size()) ? kExitFailure : kExitPartial;
+  const std::vector<fs::path> files = expandInputs(options);
+  const exporting::ExportOptions exportOptions = cli::exportOptions(options);
+
+  std::unique_ptr<ExportSession> session;
+  try {
+    session = std::make_unique<ExportSession>();
+  } catch (const Error& error) {
+    std::cerr << "tarnbloom enlarge: " << error.description() << '\n';
+    return kExitFailure;
+  }
+  session->reportLoadFailure();
+  session->recover(false);
+
+  // The plan: each file's size and output name fixed before the run, so
+  // names stay stable if the run is interrupted and resumed.
+  exporting::Submission submission;
+  submission.options = exportOptions;
+  submission.receiptsBesideExports = options.receiptsBeside;
+  std::set<fs::path> planned;
+  bool replaceAny = false;
+  int skipped = 0, failed = 0;
+  for (size_t i = 0; i < files.size(); ++i) {
+    const fs::path file = fs::absolute(files[i]).lexically_normal();
+    const fs::path folder = options.out.empty() ? file.parent_path() : fs::absolute(options.out);
+    std::optional<fs::path> assigned;
+    std::optional<std::pair<int64_t, int64_t>> size;
+    const SourceProbe probe = SourceProbe::probe(file);
+    const encoding::ExportFormat format = exportOptions.resolvedFormat(file);
+    if (options.maxBytes && format != encoding::ExportFormat::jpeg)
+      std::cerr << file.filename().string() << ": --max-kb applies to JPEG only; "
+                << encoding::title(format) << " is written without a ceiling.\n";
+    // Files that cannot be planned go in as they are; the export says why
+    // they fail.
+    if (probe.readable && probe.supportedFormat) {
+      ResolvedSize resolved;
+      try {
+        resolved = exportOptions.resolvedSize(probe.width, probe.height, probe.bitDepth, format);
+      } catch (const DimensionError& error) {
+        std::cout << file.filename().string() << ": " << error.description() << ' '
+                  << error.recoverySuggestion() << '\n';
+        ++failed;
+        continue;
+      }
+      encoding::NamingFacts facts;
+      facts.sourcePath = file;
+      facts.outputWidth = resolved.width;
+      facts.outputHeight = resolved.height;
+      facts.method = std::string(rawValue(options.method));
+      facts.formatToken = std::string(encoding::rawValue(format));
+      facts.index = static_cast<int64_t>(i) + 1;
+      facts.scaleFactor = resolved.scaleFactor;
+      const auto onDisk = [](const fs::path& path) {
+        std::error_code error;
+        return fs::exists(fs::symlink_status(path, error));
+      };
+      const auto taken = [&](const fs::path& path) { return planned.contains(path) || onDisk(path); };
+      try {
+        const fs::path first = encoding::NamingEngine::firstCandidatePath(folder, options.nameTemplate, facts);
+        const bool sourceItself = ResampleEngine::isSourceDestination(first, file);
+        if (options.ifExists == IfExists::skip && onDisk(first) && !planned.contains(first)) {
+          std::cout << file.filename().string() << ": skipped. “" << first.filename().string()
+                    << "” already exists.\n";
+          ++skipped;
+          continue;
+        }
+        if (options.ifExists == IfExists::overwrite && !sourceItself && !planned.contains(first)) {
+          assigned = first;
+          replaceAny = replaceAny || onDisk(first);
+        } else {
+          assigned = encoding::NamingEngine::resolveOutputPath(folder, options.nameTemplate, facts,
+                                                               true, taken);
+        }
+      } catch (const Error& error) {
+        std::cout << file.filename().string() << ": " << error.description() << '\n';
+        ++failed;
+        continue;
+      }
+      planned.insert(*assigned);
+      size = std::pair{resolved.width, resolved.height};
+    }
+    submission.urls.push_back(file);
+    submission.destinations.push_back(folder);
+    submission.assignedOutputs.push_back(assigned);
+    submission.plannedSizes.push_back(size);
+  }
+  if (replaceAny) {
+    submission.agent = exporting::AgentSubmission{};
+    submission.agent->replaceExisting = true;
+  }
+  session->countSkippedBeforeRun(skipped);
+  session->countFailedBeforeRun(failed);
+  if (!submission.urls.empty()) {
+    try {
+      session->controller().submit(std::move(submission));
+      session->expectJob();
+    } catch (const Error& error) {
+      std::cerr << "tarnbloom enlarge: " << error.description() << '\n';
+      return kExitFailure;
+    }
+  }
+  return session->run();
 }
 
 }  // namespace tarnbloom::cli

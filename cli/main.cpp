@@ -9,6 +9,7 @@
 #include "cli/exit_codes.h"
 #include "cli/enlarge_command.h"
 #include "cli/info_command.h"
+#include "cli/queue_command.h"
 
 namespace {
 
@@ -16,15 +17,19 @@ constexpr const char* kUsage =
     "Usage: tarnbloom COMMAND [OPTIONS] FILE...\n"
     "\n"
     "Commands:\n"
-    "  enlarge --method exact|clarity|enhance --size SIZE --out DIR [OPTIONS] FILE...\n"
-    "                          enlarge each file into DIR, never replacing anything\n"
+    "  enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n"
+    "                          enlarge each file through the export queue, with a receipt each\n"
+    "                          --method exact|clarity|enhance  --out DIR  --name TEMPLATE\n"
+    "                          --if-exists number|skip|overwrite  --receipts beside|store  --recursive\n"
     "                          SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
     "                          --format same|png|jpeg|tiff|webp|avif|heic  --quality N  --max-kb N\n"
     "                          --profile keep|srgb  --icc|--exif|--xmp|--gps keep|strip\n"
-    "                          --flatten white|black|#RRGGBB  --name TEMPLATE  --strength S (enhance)\n"
+    "                          --flatten white|black|#RRGGBB  --strength S (enhance)\n"
+    "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"
-    "Exit status: 0 success, 1 usage error, 2 some files failed, 3 every file failed or was refused.\n";
+    "Exit status: 0 success, 1 usage error, 2 some files failed, 3 every file failed or was refused,\n"
+    "130 stopped by Ctrl-C (after the current step; finished files stay).\n";
 
 }  // namespace
 
@@ -47,6 +52,7 @@ int main(int argc, char** argv) {
   }
   if (command == "info") return tarnbloom::cli::runInfo(arguments);
   if (command == "enlarge") return tarnbloom::cli::runEnlarge(arguments);
+  if (command == "queue") return tarnbloom::cli::runQueue(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;
 }

@@ -47,9 +47,10 @@ struct ExportOptions {
 
   ExportOptions followingSource() const;
   encoding::ExportFormat resolvedFormat(const std::filesystem::path& source) const;
-  // Throws DimensionError.
-  ResolvedSize resolvedSize(int64_t sourceWidth, int64_t sourceHeight,
-                            int sourceBitsPerComponent) const;
+  // For a source of this upright size and depth written as `format`
+  // (whose depth decides the pixel ceiling). Throws DimensionError.
+  ResolvedSize resolvedSize(int64_t sourceWidth, int64_t sourceHeight, int sourceBitsPerComponent,
+                            encoding::ExportFormat format) const;
   // "4×", "Long edge 3,000 px", "Fit in 1,200 × 800 px", ...
   std::string sizeLabel() const;
 };

@@ -125,7 +125,8 @@ class ReceiptPairPublication {
   // rethrown. The journal record is removed once both are in place.
   void publish(bool replacing);
   // Undoes whatever publish() placed and removes the staged files and the
-  // journal record. Never throws.
+  // journal record. Never throws. After a successful publish() the pair
+  // stands and this does nothing.
   void rollback() noexcept;
 
   // At launch: settles every journal record left by a crash. Where the
@@ -137,9 +138,16 @@ class ReceiptPairPublication {
 
  private:
   ReceiptPairPublication() = default;
+  void undo(bool removeStagedOutput) noexcept;
+
   std::filesystem::path m_journal;
   std::filesystem::path m_stagedOutput, m_output, m_stagedReceipt, m_receipt;
+  // Hard links to the files a publication replaces, so that a rollback can
+  // put them back instead of leaving the user with neither.
+  std::filesystem::path m_previousOutput, m_previousReceipt;
   bool m_receiptPlaced = false, m_outputPlaced = false;
+  bool m_stagedReceiptWritten = false, m_previousOutputKept = false,
+       m_previousReceiptKept = false, m_outputExisted = false, m_finished = false;
 };
 
 }  // namespace tarnbloom::exporting

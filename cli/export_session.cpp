@@ -1,0 +1,222 @@
+#include "cli/export_session.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+#include "cli/exit_codes.h"
+#include "engine/render_progress_model.h"
+#include "export/receipt.h"
+#include "support/files.h"
+#include "support/state_paths.h"
+
+namespace tarnbloom::cli {
+
+namespace fs = std::filesystem;
+using namespace exporting;
+
+namespace {
+
+std::atomic<bool> g_interrupted{false};
+
+void onInterrupt(int) {
+  g_interrupted = true;
+  // A second Ctrl-C ends the process at once; the ledger settles that too.
+  std::signal(SIGINT, SIG_DFL);
+}
+
+std::string plural(int n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+}  // namespace
+
+// The job's progress: one bar with ETA on a terminal, a plain line per
+// file otherwise.
+struct ExportSession::ProgressLine {
+  bool terminal = ::isatty(STDERR_FILENO) != 0;
+  RenderClock clock = monotonicRenderClock();
+  RenderProgressModel model;
+  std::string label;
+  size_t index = 0, total = 1;
+  bool drawn = false;
+
+  void start(const Job& job, size_t i, size_t n) {
+    if (i == 0) model.begin(clock(), true);
+    index = i;
+    total = n;
+    label = "[" + std::to_string(i + 1) + "/" + std::to_string(n) + "] " +
+            job.items[i].url.filename().string();
+    if (!terminal) std::fprintf(stderr, "%s\n", label.c_str());
+    update(0);
+  }
+
+  void update(double fraction) {
+    const double now = clock();
+    model.update(static_cast<double>(index) + fraction, static_cast<double>(total), now);
+    if (!terminal) return;
+    const int width = 24;
+    const int filled = static_cast<int>(model.fraction * width);
+    std::fprintf(stderr, "\r%s [%s%s] %s\033[K", label.c_str(), std::string(filled, '#').c_str(),
+                 std::string(width - filled, '.').c_str(),
+                 RenderProgressModel::progressLine(model.fraction, model.eta(now)).c_str());
+    std::fflush(stderr);
+    drawn = true;
+  }
+
+  void clear() {
+    if (drawn) std::fprintf(stderr, "\r\033[K");
+    drawn = false;
+  }
+};
+
+ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
+  const fs::path folder = stateFolder();
+  std::error_code error;
+  fs::create_directories(folder, error);
+  // One process at a time owns the queue file and the ledger.
+  const fs::path lock = folder / "export-queue.lock";
+  m_lockFD = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (m_lockFD < 0) throw FileError(lock, "open", errno);
+  if (::flock(m_lockFD, LOCK_EX | LOCK_NB) != 0) {
+    std::cerr << "Waiting for another Tarnbloom export to finish…\n";
+    while (::flock(m_lockFD, LOCK_EX) != 0)
+      if (errno != EINTR) throw FileError(lock, "lock", errno);
+  }
+  m_queue = std::make_unique<ExportQueueStore>(folder);
+  ExportDependencies dependencies;
+  dependencies.appVersion = TARNBLOOM_VERSION;
+  dependencies.appBuild = TARNBLOOM_VERSION;
+  m_controller = std::make_unique<ExportController>(m_loop, *m_queue, m_ledger, dependencies);
+  m_controller->storageFailurePolicy = [this](const ExportQueueError& error, size_t) {
+    std::cerr << "Tarnbloom couldn’t save the export queue. " << error.description() << "\n"
+              << "The export can still run right now, but nothing will be saved: the Export Queue "
+                 "will stay empty, there is no Retry, and quitting or a crash loses whatever has "
+                 "not finished.\nCheck that Tarnbloom can write to its data folder and that the "
+                 "disk is not full.\n";
+    m_ranWithoutQueue = true;
+    return true;
+  };
+  m_progress = std::make_unique<ProgressLine>();
+  ExportObserver observer;
+  observer.itemStarted = [this](const Job& job, size_t i, size_t n) { m_progress->start(job, i, n); };
+  observer.itemProgress = [this](double fraction) { m_progress->update(fraction); };
+  observer.status = [this](const std::string& status) {
+    m_progress->clear();
+    std::cerr << status << '\n';
+  };
+  observer.itemFinished = [this](const Job&, const Result& result) {
+    m_progress->clear();
+    const std::string name = result.source.filename().string();
+    switch (result.kind) {
+      case Result::Kind::exported: {
+        std::cout << name << " → " << result.output->string() << " (" << result.width << " × "
+                  << result.height << ")";
+        if (result.floorHit)
+          std::cout << " — reached the minimum JPEG quality (Q" << result.jpegQuality.value_or(0)
+                    << ") without meeting the target file size";
+        std::cout << '\n';
+        break;
+      }
+      case Result::Kind::failed: std::cout << name << ": " << result.errorText << '\n'; break;
+      case Result::Kind::skipped: std::cout << name << ": skipped. " << result.errorText << '\n'; break;
+      case Result::Kind::stopped: std::cout << name << ": stopped before it was exported.\n"; break;
+    }
+    std::cout.flush();
+  };
+  observer.jobFinished = [this](const Job& job, const JobReport& report, const JobOutcome& outcome) {
+    onJobFinished(job, report, outcome);
+  };
+  m_controller->setObserver(std::move(observer));
+}
+
+ExportSession::~ExportSession() {
+  m_controller.reset();
+  if (m_lockFD >= 0) ::close(m_lockFD);
+}
+
+void ExportSession::reportLoadFailure() const {
+  const auto& failure = m_queue->loadFailure();
+  if (!failure) return;
+  std::cerr << failure->description() << ' ' << failure->recoverySuggestion();
+  if (m_queue->quarantinedAt()) std::cerr << " It is now “" << m_queue->quarantinedAt()->string() << "”.";
+  if (m_queue->quarantineFailed())
+    std::cerr << " The original file could not be moved aside, so it was left exactly where it is.";
+  std::cerr << '\n';
+}
+
+RecoveryReport ExportSession::recover(bool quiet) {
+  RecoveryReport report = m_queue->recoverInterruptedWork(m_ledger);
+  if (!quiet && report.foundInterruptedWork())
+    std::cerr << "Tarnbloom found unfinished exports from a previous launch. Completed files will "
+                 "not be exported again. Run “tarnbloom queue resume” to finish them.\n";
+  return report;
+}
+
+void ExportSession::onJobFinished(const Job& job, const JobReport& report, const JobOutcome& outcome) {
+  m_outcome += outcome;
+  m_stopped = m_stopped || report.stopped;
+  if (report.halt) {
+    m_halted = true;
+    std::cout << *report.halt << '\n';
+  }
+  if (report.stopped && !report.declined.empty()) {
+    std::cout << "Stopped before the remaining files:";
+    for (const auto& file : report.declined) std::cout << ' ' << file.filename().string();
+    std::cout << '\n';
+  }
+  int floorHits = 0;
+  for (const auto& result : report.results) floorHits += result.floorHit ? 1 : 0;
+  if (floorHits == 1)
+    std::cout << "1 file reached the minimum JPEG quality without meeting its target file size.\n";
+  else if (floorHits > 1)
+    std::cout << floorHits << " files reached the minimum JPEG quality without meeting their target file size.\n";
+  if (outcome.exported > 0) {
+    if (job.receiptsBesideExports)
+      std::cout << (outcome.exported == 1
+                        ? "A job receipt (source, settings and AI disclosure) was saved alongside it.\n"
+                        : "A job receipt (source, settings and AI disclosure) was saved alongside each export.\n");
+    else
+      std::cout << (outcome.exported == 1
+                        ? "A job receipt (source, settings and AI disclosure) was saved in "
+                        : "Job receipts (source, settings and AI disclosure) were saved in ")
+                << ReceiptLocation::storeRoot().string() << ".\n";
+  }
+  if (outcome.usedEnhance) std::cout << "Contains AI-estimated detail.\n";
+  if (job.oneRunOnly && m_ranWithoutQueue)
+    std::cout << "This ran without the export queue, as you chose: nothing was saved, and there is "
+                 "no Retry for it.\n";
+  // A stop or a halt ends the whole command; later jobs stay queued.
+  if (++m_finishedJobs >= m_expectedJobs || report.stopped || report.halt) m_loop.quit();
+}
+
+int ExportSession::run() {
+  if (m_expectedJobs > 0) {
+    g_interrupted = false;
+    auto previous = std::signal(SIGINT, onInterrupt);
+    // Polls for Ctrl-C; a signal handler cannot touch the controller.
+    std::function<void()> poll = [&] {
+      if (g_interrupted.exchange(false)) m_controller->requestStop();
+      m_loop.postAt(EventLoop::Clock::now() + std::chrono::milliseconds(100), poll);
+    };
+    poll();
+    m_loop.run();
+    std::signal(SIGINT, previous);
+  }
+  const int failed = m_outcome.failed + m_failedBeforeRun;
+  std::cout << "Exported " << plural(m_outcome.exported, "file", "files");
+  if (failed > 0) std::cout << ", " << failed << " failed";
+  if (m_outcome.skippedInRun > 0) std::cout << ", " << m_outcome.skippedInRun << " skipped";
+  std::cout << ".\n";
+  if (m_stopped) return kExitCancelled;
+  if (failed == 0 && !m_halted) return kExitSuccess;
+  return m_outcome.exported == 0 ? kExitFailure : kExitPartial;
+}
+
+}  // namespace tarnbloom::cli

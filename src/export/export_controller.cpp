@@ -1,0 +1,570 @@
+#include "export/export_controller.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <set>
+
+#include "engine/engine_error.h"
+#include "engine/estimate_engine.h"
+#include "engine/resample_engine.h"
+#include "encoding/naming_engine.h"
+#include "export/export_render.h"
+#include "export/file_bookmark.h"
+#include "export/receipt.h"
+#include "support/files.h"
+#include "support/sha256.h"
+#include "support/uuid.h"
+
+namespace tarnbloom::exporting {
+
+namespace fs = std::filesystem;
+using encoding::ExportFormat;
+
+namespace {
+
+constexpr const char* kUnconfirmedReduction =
+    "This source is 16-bit and the output format stores 8-bit channels. It was skipped because "
+    "nobody could confirm the reduction; choose a format that keeps 16-bit.";
+
+std::string errorText(const Error& error) {
+  std::string text = error.description();
+  if (const auto hint = error.recoverySuggestion(); !hint.empty()) text += " " + hint;
+  return text;
+}
+
+// The staging file: created new, written whole and synced, so a file that
+// exists under its name after a crash is never mistaken for a result.
+void writeStagedFile(const fs::path& path, std::span<const uint8_t> bytes) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) throw FileError(path, "write", errno);
+  size_t done = 0;
+  int error = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      error = errno;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (error == 0 && ::fsync(fd) != 0) error = errno;
+  if (::close(fd) != 0 && error == 0) error = errno;
+  if (error != 0) {
+    ::unlink(path.c_str());
+    throw FileError(path, "write", error);
+  }
+}
+
+bool pathTaken(const fs::path& path) {
+  std::error_code error;
+  return fs::exists(fs::symlink_status(path, error));
+}
+
+// "name 2.png", "name 3.png", ... for an output whose reserved name was
+// taken by something else meanwhile.
+fs::path numberedAlternative(const fs::path& path, const std::function<bool(const fs::path&)>& taken) {
+  for (int n = 2; n < 100000; ++n) {
+    fs::path candidate = path.parent_path() / (path.stem().string() + " " + std::to_string(n) +
+                                               path.extension().string());
+    if (!taken(candidate)) return candidate;
+  }
+  throw FileError(path, "name", EEXIST);
+}
+
+// Thrown between steps when a stop was asked for.
+struct StopRequested {};
+
+}  // namespace
+
+JobOutcome& JobOutcome::operator+=(const JobOutcome& other) {
+  exported += other.exported;
+  failed += other.failed;
+  skippedInRun += other.skippedInRun;
+  deferred += other.deferred;
+  usedEnhance = usedEnhance || other.usedEnhance;
+  return *this;
+}
+
+JobOutcome JobOutcome::of(const JobReport& report) {
+  JobOutcome outcome;
+  for (const auto& result : report.results) {
+    switch (result.kind) {
+      case Result::Kind::exported:
+        ++outcome.exported;
+        outcome.usedEnhance = outcome.usedEnhance || result.method == ResampleMethod::estimate;
+        break;
+      case Result::Kind::failed: ++outcome.failed; break;
+      case Result::Kind::skipped: ++outcome.skippedInRun; break;
+      case Result::Kind::stopped: break;
+    }
+  }
+  outcome.deferred = report.deferred;
+  return outcome;
+}
+
+// What the worker of one item shares with the loop.
+struct ExportController::ItemRun {
+  std::optional<ExportOperationRecord> record;
+  bool published = false;
+};
+
+ExportController::ExportController(EventLoop& loop, ExportQueueStore& queue,
+                                   ExportOperationLedger& ledger, ExportDependencies dependencies)
+    : m_loop(loop), m_queue(queue), m_ledger(ledger), m_dependencies(std::move(dependencies)) {
+  if (!m_dependencies.writeStaged) m_dependencies.writeStaged = writeStagedFile;
+}
+
+ExportController::~ExportController() {
+  if (m_worker.joinable()) m_worker.join();
+}
+
+std::string ExportController::submit(Submission submission) {
+  auto job = std::make_unique<Job>();
+  job->options = submission.options;
+  job->fromFinder = submission.fromFinder;
+  job->quitWhenDone = submission.quitWhenDone;
+  job->folderBatch = submission.folderBatch;
+  job->deferredCount = submission.deferredCount;
+  job->onFinished = std::move(submission.onFinished);
+  job->agent = std::move(submission.agent);
+  job->confirmed16BitReduction = submission.confirmed16BitReduction;
+  job->receiptsBesideExports = submission.receiptsBesideExports;
+
+  const auto destinationOf = [&](size_t i) {
+    return submission.destinations.size() == 1 ? submission.destinations[0]
+                                               : submission.destinations.at(i);
+  };
+  QueueSubmission queued;
+  queued.urls = submission.urls;
+  for (size_t i = 0; i < submission.urls.size(); ++i) queued.destinations.push_back(destinationOf(i));
+  queued.options = submission.options;
+  queued.fromFinder = submission.fromFinder;
+  queued.quitWhenDone = submission.quitWhenDone;
+  if (submission.folderBatch) {
+    queued.folderTemplate = submission.folderBatch->templ;
+    queued.folderSKU = submission.folderBatch->sku;
+    queued.folderDate = submission.folderBatch->exportDate;
+  }
+  queued.assignedOutputs = submission.assignedOutputs;
+  queued.plannedSizes = submission.plannedSizes;
+  queued.replaceExisting = job->replaceExisting();
+  queued.receiptsBesideExports = submission.receiptsBesideExports;
+
+  std::vector<std::string> itemIDs;
+  try {
+    const PersistedExportJob& persisted = m_queue.enqueue(queued);
+    job->id = persisted.id;
+    for (const auto& item : persisted.items) itemIDs.push_back(item.id);
+    job->oneRunOnly = !m_queue.persists();
+  } catch (const ExportQueueError& error) {
+    const bool runAnyway = error.errorCase() == ExportQueueError::Case::saveFailed &&
+                           storageFailurePolicy && storageFailurePolicy(error, submission.urls.size());
+    if (!runAnyway) {
+      if (job->agent && job->agent->onRejected) job->agent->onRejected(error);
+      throw;
+    }
+    job->id = makeUuid();
+    job->oneRunOnly = true;
+    for (size_t i = 0; i < submission.urls.size(); ++i) itemIDs.push_back(makeUuid());
+  }
+  for (size_t i = 0; i < submission.urls.size(); ++i) {
+    JobItem item;
+    item.id = itemIDs[i];
+    item.url = fs::absolute(submission.urls[i]).lexically_normal();
+    item.destination = fs::absolute(destinationOf(i)).lexically_normal();
+    item.batchIndex = static_cast<int64_t>(i) + 1;
+    if (i < submission.assignedOutputs.size()) item.assignedOutput = submission.assignedOutputs[i];
+    if (i < submission.plannedSizes.size()) item.plannedSize = submission.plannedSizes[i];
+    job->items.push_back(std::move(item));
+  }
+  if (job->agent && job->agent->onQueued) job->agent->onQueued(job->id, itemIDs);
+  const std::string id = job->id;
+  enqueueJob(std::move(job));
+  return id;
+}
+
+std::string ExportController::resume(const PersistedExportJob& persisted) {
+  auto job = std::make_unique<Job>();
+  job->id = persisted.id;
+  job->options = persisted.options.options();  // throws unreadableSettings
+  job->fromFinder = persisted.fromFinder;
+  job->receiptsBesideExports = persisted.receiptsBesideExports.value_or(false);
+  if (persisted.replaceExisting) {
+    job->agent = AgentSubmission{};
+    job->agent->replaceExisting = true;
+  }
+  if (persisted.folderTemplate)
+    job->folderBatch = FolderBatchNaming{{}, *persisted.folderTemplate,
+                                         persisted.folderSKU.value_or(""), persisted.folderDate};
+  for (const auto& stored : persisted.items) {
+    if (stored.state != ExportQueueItemState::pending && stored.state != ExportQueueItemState::running)
+      continue;
+    JobItem item;
+    item.id = stored.id;
+    item.batchIndex = stored.batchIndex.value_or(1);
+    try {
+      item.url = m_queue.resolvedURL(stored.inputBookmark, stored.sourceName);
+      const auto folder = FileBookmark::recordedPath(stored.destinationBookmark);
+      item.destination = FileBookmark::resolve(stored.destinationBookmark).value_or(folder.value_or(""));
+    } catch (const ExportQueueError& error) {
+      item.url = FileBookmark::recordedPath(stored.inputBookmark).value_or(stored.sourceName);
+      item.unavailable = error.description();
+    }
+    // An earlier attempt's reserved name is kept, so a resumed export
+    // lands where the interrupted one would have.
+    if (stored.assignedOutputPath)
+      item.assignedOutput = fs::path(*stored.assignedOutputPath);
+    else if (stored.intendedOutputPath)
+      item.assignedOutput = fs::path(*stored.intendedOutputPath);
+    if (stored.plannedWidth && stored.plannedHeight)
+      item.plannedSize = std::pair{*stored.plannedWidth, *stored.plannedHeight};
+    job->items.push_back(std::move(item));
+  }
+  const std::string id = job->id;
+  enqueueJob(std::move(job));
+  return id;
+}
+
+std::string ExportController::retry(const std::vector<std::string>& itemIDs) {
+  // The items go back to "pending" in their own jobs, so a retried item
+  // can never be retried twice or left behind as a failure.
+  std::vector<std::string> jobIDs;
+  for (const auto& itemID : itemIDs) {
+    const auto [job, item] = m_queue.item(itemID);
+    if (!job || !m_queue.retry(itemID)) continue;
+    if (std::find(jobIDs.begin(), jobIDs.end(), job->id) == jobIDs.end()) jobIDs.push_back(job->id);
+  }
+  std::string last;
+  for (const auto& jobID : jobIDs)
+    if (const auto* job = m_queue.job(jobID)) last = resume(*job);
+  return last;
+}
+
+void ExportController::requestStop() {
+  if (!busy() || m_stop.exchange(true)) return;
+  if (m_observer.status) m_observer.status("Stopping after the current step…");
+}
+
+void ExportController::enqueueJob(std::unique_ptr<Job> job) {
+  m_waiting.push_back(std::move(job));
+  if (idle()) m_loop.post([this] { pump(); });
+}
+
+void ExportController::pump() {
+  if (busy() || m_waiting.empty() || m_interrupted) return;
+  m_active = std::move(m_waiting.front());
+  m_waiting.pop_front();
+  m_report = JobReport{};
+  m_report.deferred = m_active->deferredCount;
+  m_next = 0;
+  m_stop = false;
+  startItem();
+}
+
+void ExportController::markOnLoop(const Job& job, const JobItem& item, ExportQueueItemState state,
+                                  std::optional<std::string> output, std::optional<std::string> error) {
+  if (job.oneRunOnly) return;
+  m_loop.invokeSync([&] { m_queue.mark(job.id, item.id, state, std::move(output), std::move(error)); });
+}
+
+void ExportController::startItem() {
+  if (m_next >= m_active->items.size() || m_stop) {
+    finishJob();
+    return;
+  }
+  const Job& job = *m_active;
+  const JobItem& item = job.items[m_next];
+  if (m_observer.itemStarted) m_observer.itemStarted(job, m_next, job.items.size());
+  m_worker = std::thread([this, &job, &item] {
+    ItemRun run;
+    Result result;
+    bool interrupted = false;
+    std::optional<std::string> halt;
+    try {
+      result = runItem(job, item, run);
+    } catch (const ExportInterrupted&) {
+      interrupted = true;
+    } catch (const StopRequested&) {
+      result.kind = Result::Kind::stopped;
+    } catch (const Error& error) {
+      result.kind = Result::Kind::failed;
+      result.errorText = errorText(error);
+      if (run.published) halt = result.errorText;
+    } catch (const std::exception& error) {
+      result.kind = Result::Kind::failed;
+      result.errorText = std::string("The export failed. ") + error.what();
+      if (run.published) halt = result.errorText;
+    }
+    result.source = item.url;
+    result.method = job.options.method;
+    // An export that did not get as far as publishing leaves nothing behind.
+    if (!interrupted && run.record && !run.published) m_ledger.discard(*run.record);
+    if (!interrupted && !run.published) {
+      try {
+        if (result.kind == Result::Kind::stopped)
+          markOnLoop(job, item, ExportQueueItemState::stopped);
+        else
+          markOnLoop(job, item, ExportQueueItemState::failed, std::nullopt, result.errorText);
+      } catch (const Error&) {
+        // The item has already failed; its text says why.
+      }
+    }
+    m_loop.post([this, result = std::move(result), interrupted, halt]() mutable {
+      m_worker.join();
+      finishItem(std::move(result), interrupted, std::move(halt));
+    });
+  });
+}
+
+void ExportController::finishItem(Result result, bool interrupted, std::optional<std::string> halt) {
+  if (interrupted) {
+    // A simulated crash: no more bookkeeping of any kind.
+    m_interrupted = true;
+    m_active.reset();
+    return;
+  }
+  const Job& job = *m_active;
+  if (m_observer.itemFinished) m_observer.itemFinished(job, result);
+  m_report.results.push_back(std::move(result));
+  ++m_next;
+  if (halt) {
+    const auto& published = m_report.results.back();
+    m_report.halt = "“" + published.output.value_or(published.source).filename().string() +
+                    "” was exported, but Tarnbloom could not finish recording it. " + *halt +
+                    " The file is on disk and will not be exported again; the remaining files are "
+                    "paused until this is fixed.";
+    finishJob();
+    return;
+  }
+  startItem();
+}
+
+void ExportController::finishJob() {
+  Job& job = *m_active;
+  // Items never started: a stop marks them stopped, a halt leaves them
+  // pending for the next run.
+  for (size_t i = m_next; i < job.items.size(); ++i) {
+    m_report.declined.push_back(job.items[i].url);
+    if (m_stop && !m_report.halt && !job.oneRunOnly) {
+      try {
+        m_queue.mark(job.id, job.items[i].id, ExportQueueItemState::stopped);
+      } catch (const Error&) {
+      }
+    }
+  }
+  m_report.stopped = m_stop;
+  const JobOutcome outcome = JobOutcome::of(m_report);
+  std::unique_ptr<Job> finished = std::move(m_active);
+  if (finished->agent && finished->agent->onReport) finished->agent->onReport(m_report);
+  if (m_observer.jobFinished) m_observer.jobFinished(*finished, m_report, outcome);
+  if (finished->onFinished) finished->onFinished(outcome);
+  if (!m_report.halt) m_loop.post([this] { pump(); });
+}
+
+fs::path ExportController::chooseOutput(const Job& job, const JobItem& item, const SourceImage& facts,
+                                        int64_t width, int64_t height, ExportFormat format) {
+  // Paths reserved by other unfinished items count as taken, so two items
+  // of a queue never aim at one name.
+  std::set<fs::path> reserved;
+  for (const auto& other : m_queue.jobs())
+    for (const auto& stored : other.items) {
+      if (stored.id == item.id || (stored.state != ExportQueueItemState::pending &&
+                                   stored.state != ExportQueueItemState::running))
+        continue;
+      if (stored.assignedOutputPath) reserved.insert(*stored.assignedOutputPath);
+      if (stored.intendedOutputPath) reserved.insert(*stored.intendedOutputPath);
+    }
+  for (const auto& other : job.items)
+    if (other.id != item.id && other.assignedOutput) reserved.insert(*other.assignedOutput);
+  const auto taken = [&](const fs::path& path) {
+    return reserved.contains(path) || pathTaken(path) ||
+           ResampleEngine::isSourceDestination(path, facts.url);
+  };
+
+  if (item.assignedOutput) {
+    const fs::path& assigned = *item.assignedOutput;
+    std::error_code error;
+    fs::create_directories(assigned.parent_path(), error);
+    if (ResampleEngine::isSourceDestination(assigned, facts.url))
+      throw SourceProtectionError(SourceProtectionError::Case::destinationIsSource);
+    if (!pathTaken(assigned) || job.replaceExisting()) return assigned;
+    return numberedAlternative(assigned, taken);
+  }
+  encoding::NamingFacts naming;
+  naming.sourcePath = item.url;
+  naming.outputWidth = width;
+  naming.outputHeight = height;
+  naming.method = std::string(rawValue(job.options.method));
+  naming.formatToken = std::string(encoding::rawValue(format));
+  naming.index = item.batchIndex;
+  naming.scaleFactor = static_cast<double>(width) / std::max(1, facts.orientedWidth());
+  std::string templ = encoding::NamingEngine::defaultTemplate();
+  fs::path folder = item.destination;
+  if (job.folderBatch) {
+    templ = job.folderBatch->templ;
+    if (!job.folderBatch->sku.empty()) naming.sku = job.folderBatch->sku;
+    if (!job.folderBatch->output.empty()) folder = job.folderBatch->output;
+  }
+  return encoding::NamingEngine::resolveOutputPath(folder, templ, naming, true, taken);
+}
+
+Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& run) {
+  const auto checkStop = [&] {
+    if (m_stop) throw StopRequested{};
+  };
+  Result result;
+  if (item.unavailable) {
+    result.kind = Result::Kind::failed;
+    result.errorText = *item.unavailable;
+    return result;
+  }
+  // 1. The queue learns the item is running.
+  markOnLoop(job, item, ExportQueueItemState::running);
+
+  // 2. Load.
+  std::map<std::string, double> timings;
+  const auto loadStart = std::chrono::steady_clock::now();
+  SourceImage source = ResampleEngine::load(item.url);
+  timings["load"] = std::chrono::duration<double>(std::chrono::steady_clock::now() - loadStart).count();
+  const ExportFormat format = job.options.resolvedFormat(item.url);
+  if (source.bitsPerComponent == 16 && !encoding::supports16Bit(format) && !job.confirmed16BitReduction) {
+    result.kind = Result::Kind::skipped;
+    // Nobody watches a queued export to confirm the reduction.
+    result.errorText = kUnconfirmedReduction;
+    return result;
+  }
+  checkStop();
+
+  // 3. Size and claims.
+  SourceImage facts = source;
+  facts.bitmap.reset();
+  const int64_t sourceWidth = source.orientedWidth(), sourceHeight = source.orientedHeight();
+  ResolvedSize size;
+  if (item.plannedSize) {
+    size.width = item.plannedSize->first;
+    size.height = item.plannedSize->second;
+    size.scaleFactor = static_cast<double>(size.width) / std::max<int64_t>(1, sourceWidth);
+  } else {
+    size = job.options.resolvedSize(sourceWidth, sourceHeight, source.bitsPerComponent, format);
+  }
+  const ClaimResolution claims = ClaimLaw::resolve(job.options.method, false, source.bitsPerComponent, format);
+
+  // 4 and 5. The output's name, reserved in the ledger and the queue file
+  // before any pixel is written.
+  ExportOperationRecord record;
+  record.operationID = ExportOperationLedger::makeOperationID();
+  record.jobID = job.id;
+  record.itemID = item.id;
+  record.sourcePath = item.url.string();
+  record.plannedAt = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  fs::path output, receiptPath;
+  m_loop.invokeSync([&] {
+    output = chooseOutput(job, item, facts, size.width, size.height, format);
+    receiptPath = ReceiptLocation::url(output, job.receiptsBesideExports);
+    record.intendedOutputPath = output.string();
+    record.stagedPath = ExportOperationLedger::stagedURL(output, record.operationID).string();
+    record.stagedReceiptPath =
+        (receiptPath.parent_path() / (".tarnbloom-" + record.operationID + ".receipt.tmp")).string();
+    m_ledger.write(record);
+    run.record = record;
+    if (!job.oneRunOnly)
+      m_queue.recordIntendedOutput(job.id, item.id, output.string(), size.width, size.height,
+                                   record.operationID);
+  });
+  checkStop();
+
+  // 6 and 7. Render and encode into the staging file.
+  const auto progress = [this](int64_t done, int64_t total) {
+    if (m_observer.itemProgress && total > 0) {
+      const double fraction = static_cast<double>(done) / static_cast<double>(total);
+      m_loop.post([this, fraction] {
+        if (m_observer.itemProgress) m_observer.itemProgress(fraction);
+      });
+    }
+  };
+  EncodedExport encoded = renderAndEncode(std::move(source), job.options, size, format, claims.codes, progress);
+  for (const auto& [stage, seconds] : encoded.timings) timings[stage] = seconds;
+  checkStop();
+  try {
+    m_dependencies.writeStaged(record.stagedPath, encoded.bytes);
+  } catch (const FileError& error) {
+    throw FileError(output, "write", error.errnoValue());
+  }
+  checkStop();
+
+  // 8. The receipt, then the record says "publishing".
+  ReceiptInputs inputs;
+  inputs.sourcePath = item.url;
+  inputs.sourceSHA256 = facts.sourceHash.value_or("");
+  inputs.sourceWidth = sourceWidth;
+  inputs.sourceHeight = sourceHeight;
+  inputs.sourceBitDepth = facts.bitsPerComponent;
+  inputs.outputPath = output;
+  inputs.outputSHA256 = sha256Hex(std::as_bytes(std::span(encoded.bytes)));
+  inputs.outputWidth = size.width;
+  inputs.outputHeight = size.height;
+  inputs.format = format;
+  inputs.options = job.options;
+  inputs.jpegReport = encoded.jpegReport;
+  inputs.webpOptions = encoded.webpOptions;
+  inputs.heifQuality = encoded.heifQuality;
+  inputs.timings = timings;
+  if (job.options.method == ResampleMethod::estimate) {
+    auto& engine = EstimateEngine::shared();
+    inputs.estimate = EstimateProvenance{
+        EstimateEngine::modelName,
+        EstimateEngine::modelVersion,
+        engine.artifactDigest(),
+        std::to_string(EstimateEngine::tileSize) + "×" + std::to_string(EstimateEngine::tileSize) +
+            " tiles, " + std::to_string(EstimateEngine::context) + " px context, " +
+            std::to_string(EstimateEngine::featherWidth) + " px feather",
+        "CPU (oneDNN)",
+        EstimateEngine::clampStrength(job.options.estimateStrength),
+        engine.precisionText()};
+  }
+  const auto document = Receipt::build(m_dependencies.appVersion, m_dependencies.appBuild,
+                                       std::chrono::system_clock::now(), inputs);
+  // The source must still be what was rendered, and never the destination.
+  ResampleEngine::validateDestination(output, facts);
+  ReceiptLocation::ensureParentExists(receiptPath);
+  auto publication = ReceiptPairPublication::prepare(record.operationID, record.stagedPath, output,
+                                                     document, receiptPath, record.stagedReceiptPath,
+                                                     m_queue.stateDirectory());
+  m_ledger.advance(record.operationID, OperationStage::publishing);
+  checkStop();
+
+  // 9. Output and receipt together, or neither.
+  publication.publish(job.replaceExisting());
+  run.published = true;
+
+  // 10. Bookkeeping; a failure from here on halts the job.
+  recordCompletion(job, item, output, record.operationID);
+
+  result.kind = Result::Kind::exported;
+  result.output = output;
+  result.receipt = receiptPath;
+  result.width = size.width;
+  result.height = size.height;
+  result.format = format;
+  if (encoded.jpegReport) {
+    result.floorHit = encoded.jpegReport->floorHit;
+    result.jpegQuality = encoded.jpegReport->qualityUsed;
+  }
+  return result;
+}
+
+void ExportController::recordCompletion(const Job& job, const JobItem& item, const fs::path& output,
+                                        const std::string& operationID) {
+  const auto record = m_ledger.record(operationID);
+  if (record && record->stage < OperationStage::published)
+    m_ledger.advance(operationID, OperationStage::published);
+  if (m_dependencies.hooks.afterPublished) m_dependencies.hooks.afterPublished();
+  markOnLoop(job, item, ExportQueueItemState::completed, output.string());
+  m_ledger.clear(operationID);
+}
+
+}  // namespace tarnbloom::exporting

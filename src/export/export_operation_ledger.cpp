@@ -1,0 +1,166 @@
+#include "export/export_operation_ledger.h"
+
+#include <cerrno>
+
+#include <nlohmann/json.hpp>
+
+#include "support/files.h"
+#include "support/uuid.h"
+
+namespace tarnbloom::exporting {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view kStageNames[] = {"planned", "publishing", "published", "committed"};
+
+bool exists(const std::string& path) {
+  std::error_code error;
+  return !path.empty() && fs::exists(fs::symlink_status(path, error));
+}
+
+void removeIfPresent(const std::string& path, std::vector<fs::path>* removed = nullptr) {
+  std::error_code error;
+  if (!path.empty() && fs::remove(path, error) && removed) removed->emplace_back(path);
+}
+
+nlohmann::ordered_json encode(const ExportOperationRecord& r) {
+  nlohmann::ordered_json json = {
+      {"operationID", r.operationID},   {"jobID", r.jobID},
+      {"itemID", r.itemID},             {"sourcePath", r.sourcePath},
+      {"intendedOutputPath", r.intendedOutputPath}, {"stagedPath", r.stagedPath},
+      {"stage", rawValue(r.stage)},     {"plannedAt", r.plannedAt},
+  };
+  if (!r.stagedReceiptPath.empty()) json["stagedReceiptPath"] = r.stagedReceiptPath;
+  return json;
+}
+
+std::optional<ExportOperationRecord> decode(const nlohmann::json& json) {
+  try {
+    ExportOperationRecord r;
+    r.operationID = json.at("operationID").get<std::string>();
+    r.jobID = json.at("jobID").get<std::string>();
+    r.itemID = json.at("itemID").get<std::string>();
+    r.sourcePath = json.at("sourcePath").get<std::string>();
+    r.intendedOutputPath = json.at("intendedOutputPath").get<std::string>();
+    r.stagedPath = json.at("stagedPath").get<std::string>();
+    r.stagedReceiptPath = json.value("stagedReceiptPath", std::string());
+    const auto stage = operationStageFromRawValue(json.at("stage").get<std::string>());
+    if (!stage) return std::nullopt;
+    r.stage = *stage;
+    r.plannedAt = json.at("plannedAt").get<double>();
+    return r;
+  } catch (const nlohmann::json::exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+std::string_view rawValue(OperationStage stage) { return kStageNames[static_cast<int>(stage)]; }
+
+std::optional<OperationStage> operationStageFromRawValue(std::string_view text) {
+  for (int i = 0; i < 4; ++i)
+    if (kStageNames[i] == text) return static_cast<OperationStage>(i);
+  return std::nullopt;
+}
+
+ExportReconciliation ExportReconciler::reconcile(OperationStage stage, bool stagedExists,
+                                                 bool outputExists) {
+  switch (stage) {
+    case OperationStage::planned: return ExportReconciliation::notPublished;
+    case OperationStage::publishing:
+      // The staging file disappears only by being moved into place.
+      return !stagedExists && outputExists ? ExportReconciliation::published
+                                           : ExportReconciliation::notPublished;
+    case OperationStage::published: return ExportReconciliation::published;
+    case OperationStage::committed: return ExportReconciliation::alreadyCommitted;
+  }
+  return ExportReconciliation::notPublished;
+}
+
+ExportOperationLedger::ExportOperationLedger(fs::path folder) : m_folder(std::move(folder)) {}
+
+std::string ExportOperationLedger::makeOperationID() {
+  std::string uuid = makeUuid();
+  for (char& c : uuid) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return "op-" + uuid;
+}
+
+fs::path ExportOperationLedger::stagedURL(const fs::path& output, std::string_view operationID) {
+  return output.parent_path() / (".tarnbloom-" + std::string(operationID) + ".tmp");
+}
+
+fs::path ExportOperationLedger::fileFor(const std::string& operationID) const {
+  return m_folder / (operationID + ".json");
+}
+
+void ExportOperationLedger::write(const ExportOperationRecord& record) const {
+  std::error_code error;
+  fs::create_directories(m_folder, error);
+  if (error) throw FileError(m_folder, "create", error.value());
+  writeFileAtomically(fileFor(record.operationID), encode(record).dump(2) + "\n");
+}
+
+void ExportOperationLedger::advance(const std::string& operationID, OperationStage stage) const {
+  auto current = record(operationID);
+  if (!current) throw FileError(fileFor(operationID), "read", ENOENT);
+  current->stage = stage;
+  write(*current);
+}
+
+std::optional<ExportOperationRecord> ExportOperationLedger::record(const std::string& operationID) const {
+  try {
+    const auto bytes = readWholeFile(fileFor(operationID), 1 << 20);
+    const auto json = nlohmann::json::parse(reinterpret_cast<const char*>(bytes.data()),
+                                            reinterpret_cast<const char*>(bytes.data() + bytes.size()),
+                                            nullptr, false);
+    if (json.is_discarded()) return std::nullopt;
+    return decode(json);
+  } catch (const FileError&) {
+    return std::nullopt;
+  }
+}
+
+std::vector<ExportOperationRecord> ExportOperationLedger::all() const {
+  std::vector<ExportOperationRecord> records;
+  std::error_code error;
+  for (fs::directory_iterator it(m_folder, error), end; !error && it != end; it.increment(error)) {
+    const auto name = it->path().filename().string();
+    if (name.starts_with(".") || it->path().extension() != ".json") continue;
+    if (auto r = record(it->path().stem().string()); r && r->operationID == it->path().stem().string())
+      records.push_back(std::move(*r));
+  }
+  std::sort(records.begin(), records.end(),
+            [](const auto& a, const auto& b) { return a.plannedAt < b.plannedAt; });
+  return records;
+}
+
+bool ExportOperationLedger::clear(const std::string& operationID) const {
+  std::error_code error;
+  return fs::remove(fileFor(operationID), error);
+}
+
+void ExportOperationLedger::discard(const ExportOperationRecord& record) const {
+  removeIfPresent(record.stagedPath);
+  removeIfPresent(record.stagedReceiptPath);
+  clear(record.operationID);
+}
+
+ExportReconciliation ExportOperationLedger::reconciliation(const ExportOperationRecord& record) const {
+  return ExportReconciler::reconcile(record.stage, exists(record.stagedPath),
+                                     exists(record.intendedOutputPath));
+}
+
+std::vector<fs::path> ExportOperationLedger::removeOrphanedStages() const {
+  std::vector<fs::path> removed;
+  for (const auto& r : all()) {
+    if (r.stage < OperationStage::published) continue;
+    removeIfPresent(r.stagedPath, &removed);
+    removeIfPresent(r.stagedReceiptPath, &removed);
+  }
+  return removed;
+}
+
+}  // namespace tarnbloom::exporting

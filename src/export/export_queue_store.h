@@ -1,0 +1,146 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "export/export_operation_ledger.h"
+#include "export/export_options.h"
+#include "export/export_queue_error.h"
+
+namespace tarnbloom::exporting {
+
+enum class ExportQueueItemState { pending, running, completed, failed, stopped };
+std::string_view rawValue(ExportQueueItemState state);
+std::optional<ExportQueueItemState> exportQueueItemStateFromRawValue(std::string_view text);
+
+struct PersistedExportItem {
+  std::string id;
+  std::string inputBookmark;        // FileBookmark data
+  std::string destinationBookmark;  // of the output folder
+  std::string sourceName;
+  ExportQueueItemState state = ExportQueueItemState::pending;
+  std::optional<std::string> outputPath;
+  std::optional<std::string> errorText;
+  std::optional<int64_t> batchIndex;
+  std::optional<std::string> assignedOutputPath;
+  std::optional<std::string> operationID;
+  std::optional<std::string> intendedOutputPath;
+  std::optional<int64_t> plannedWidth;
+  std::optional<int64_t> plannedHeight;
+};
+
+struct PersistedExportJob {
+  std::string id;
+  ExportOptionsSnapshot options{ExportOptions()};
+  bool fromFinder = false;
+  bool quitWhenDone = false;
+  std::optional<std::string> folderTemplate;
+  std::optional<std::string> folderSKU;
+  std::optional<std::string> folderDate;
+  // Assigned outputs replace files already at their paths.
+  bool replaceExisting = false;
+  // Where receipts go; unset: the user's setting at run time.
+  std::optional<bool> receiptsBesideExports;
+  std::optional<std::string> created;  // ISO-8601
+  std::vector<PersistedExportItem> items;
+
+  bool hasUnfinishedItems() const;
+};
+
+// What a new job is made of.
+struct QueueSubmission {
+  std::vector<std::filesystem::path> urls;
+  std::vector<std::filesystem::path> destinations;  // one per URL
+  ExportOptions options;
+  bool fromFinder = false;
+  bool quitWhenDone = false;
+  std::optional<std::string> folderTemplate, folderSKU, folderDate;
+  std::vector<std::optional<std::filesystem::path>> assignedOutputs;  // empty or one per URL
+  std::vector<std::optional<std::pair<int64_t, int64_t>>> plannedSizes;
+  bool replaceExisting = false;
+  std::optional<bool> receiptsBesideExports;
+};
+
+// What launch-time recovery found and did.
+struct RecoveryReport {
+  int completed = 0;    // items found published: not exported again
+  int toRunAgain = 0;   // items whose export must be redone
+  int recordsCleared = 0;
+  std::vector<std::filesystem::path> removedFiles;
+  bool foundInterruptedWork() const { return completed + toRunAgain > 0; }
+};
+
+// The persisted export queue: every job and the state of each item, in
+// "export-queue.json" in the state folder. The only writer of that file;
+// a file it cannot read is never deleted or overwritten.
+class ExportQueueStore {
+ public:
+  static constexpr int kSchemaVersion = 1;
+  // Finished jobs kept for the history; older ones are dropped on save.
+  static constexpr size_t kFinishedJobsKept = 100;
+
+  // Loads the queue file of `stateDirectory` (created when missing).
+  explicit ExportQueueStore(std::filesystem::path stateDirectory);
+
+  const std::filesystem::path& stateDirectory() const { return m_directory; }
+  std::filesystem::path fileURL() const { return m_directory / "export-queue.json"; }
+  const std::optional<ExportQueueLoadFailure>& loadFailure() const { return m_loadFailure; }
+  const std::optional<std::filesystem::path>& quarantinedAt() const { return m_quarantinedAt; }
+  bool quarantineFailed() const { return m_quarantineFailed; }
+  // False while a file this version could not read must be kept as it is:
+  // new jobs then live in memory only.
+  bool persists() const { return m_persists; }
+
+  const std::vector<PersistedExportJob>& jobs() const { return m_jobs; }
+
+  // Throws ExportQueueError (saveFailed, permissionLost).
+  const PersistedExportJob& enqueue(const QueueSubmission& submission);
+  void mark(const std::string& jobID, const std::string& itemID, ExportQueueItemState state,
+            std::optional<std::string> output = std::nullopt,
+            std::optional<std::string> error = std::nullopt);
+  // Reserves the output path (and the ledger record) before any file is written.
+  void recordIntendedOutput(const std::string& jobID, const std::string& itemID,
+                            const std::string& path, int64_t width, int64_t height,
+                            const std::string& operationID);
+  // Throws ExportQueueError::saveFailed.
+  void commit();
+
+  std::vector<const PersistedExportJob*> pendingJobs() const;
+  const PersistedExportJob* job(const std::string& id) const;
+  // The item and its job, or nulls.
+  std::pair<const PersistedExportJob*, const PersistedExportItem*> item(const std::string& id) const;
+  std::vector<const PersistedExportItem*> retryableItems(const PersistedExportJob& job) const;
+  // A failed or stopped item back to "pending"; false for other states.
+  bool retry(const std::string& itemID);
+  void reselect(const std::string& jobID, const std::string& itemID,
+                const std::optional<std::filesystem::path>& input,
+                const std::optional<std::filesystem::path>& destination);
+  void pruneDeclinedJob(const std::string& id);
+
+  // Throws ExportQueueError::permissionLost naming `name`. Stale data is
+  // refreshed in the store when `job`/`item` are given.
+  std::filesystem::path resolvedURL(const std::string& bookmark, const std::string& name) const;
+
+  // Settles what a crash or quit left behind: receipt publications, ledger
+  // records (published items become "completed", others run again),
+  // staging files, and items left "running". Saves the queue.
+  RecoveryReport recoverInterruptedWork(const ExportOperationLedger& ledger);
+
+ private:
+  void load();
+  void save();
+  PersistedExportItem* mutableItem(const std::string& jobID, const std::string& itemID);
+
+  std::filesystem::path m_directory;
+  std::vector<PersistedExportJob> m_jobs;
+  std::optional<ExportQueueLoadFailure> m_loadFailure;
+  std::optional<std::filesystem::path> m_quarantinedAt;
+  bool m_quarantineFailed = false;
+  bool m_persists = true;
+};
+
+}  // namespace tarnbloom::exporting

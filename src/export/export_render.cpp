@@ -1,0 +1,100 @@
+#include "export/export_render.h"
+
+#include <chrono>
+#include <cmath>
+
+#include "encoding/image_writer.h"
+#include "encoding/jpeg_encoder.h"
+#include "encoding/output_metadata.h"
+#include "encoding/webp_encoder.h"
+
+namespace tarnbloom::exporting {
+
+using encoding::ExportFormat;
+
+namespace {
+
+float linearFromSRGB(double c) {
+  return static_cast<float>(c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4));
+}
+
+class StageClock {
+ public:
+  explicit StageClock(std::map<std::string, double>& timings) : m_timings(timings) {}
+  void mark(const char* stage) {
+    const auto now = std::chrono::steady_clock::now();
+    m_timings[stage] = std::chrono::duration<double>(now - m_last).count();
+    m_last = now;
+  }
+
+ private:
+  std::map<std::string, double>& m_timings;
+  std::chrono::steady_clock::time_point m_last = std::chrono::steady_clock::now();
+};
+
+}  // namespace
+
+EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
+                              const ResolvedSize& size, ExportFormat format,
+                              const std::vector<std::string>& claims,
+                              const RenderProgress& progress, const std::atomic<bool>* cancel) {
+  EncodedExport result;
+  result.width = size.width;
+  result.height = size.height;
+  result.claims = claims;
+  StageClock clock(result.timings);
+  // WebP's side limit is known before any pixel is rendered.
+  if (format == ExportFormat::webp) encoding::WebPEncoder::preflight(size.width, size.height);
+
+  // WebP, HEIC and AVIF store colour only: a grey source goes to them as
+  // sRGB grey, since its grey profile cannot describe RGB pixels.
+  encoding::ColourPolicy policy = options.colourPolicy;
+  if (!source.isRGB() &&
+      (format == ExportFormat::webp || format == ExportFormat::heic || format == ExportFormat::avif))
+    policy.profile = encoding::ProfilePolicy::srgb;
+  RenderOutput output;
+  output.estimateStrength = options.estimateStrength;
+  output.keepProfile = policy.profile == encoding::ProfilePolicy::keep;
+  output.sixteenBit = source.bitsPerComponent == 16 && encoding::supports16Bit(format);
+  if (!encoding::supportsAlpha(format) && source.hasAlpha) {
+    const auto rgb = encoding::ColourPolicy::resolveFlattenColourSRGB(policy.flatten);
+    output.flatten = std::array<float, 3>{linearFromSRGB(rgb[0]), linearFromSRGB(rgb[1]),
+                                          linearFromSRGB(rgb[2])};
+  }
+  const encoding::OutputMetadata metadata = encoding::OutputMetadata::resolve(
+      source, policy, claims, static_cast<int>(size.width), static_cast<int>(size.height));
+
+  codec::PixelBuffer image;
+  {
+    const ResampleEngine engine(std::move(source));
+    clock.mark("linearise");
+    image = engine.exportImage({size.width, size.height}, options.method, output, progress, cancel);
+  }
+  clock.mark("render");
+
+  switch (format) {
+    case ExportFormat::png: result.bytes = encoding::encodePNG(image, metadata); break;
+    case ExportFormat::tiff: result.bytes = encoding::encodeTIFF(image, metadata); break;
+    case ExportFormat::avif:
+    case ExportFormat::heic: {
+      const int quality = options.heifQuality.value_or(encoding::kImageWriterLossyQuality);
+      result.bytes = encoding::encodeHEIF(format, image, metadata, quality);
+      result.heifQuality = quality;
+      break;
+    }
+    case ExportFormat::webp:
+      result.bytes = encoding::WebPEncoder::encode(image, metadata, options.webp);
+      result.webpOptions = options.webp.normalized();
+      break;
+    case ExportFormat::jpeg: {
+      auto encoded = encoding::JPEGEncoder::encode(image, metadata, options.jpeg);
+      result.bytes = std::move(encoded.data);
+      result.jpegReport = encoded.report;
+      break;
+    }
+  }
+  clock.mark("encode");
+  return result;
+}
+
+}  // namespace tarnbloom::exporting

@@ -1,0 +1,87 @@
+#include "support/event_loop.h"
+
+#include <algorithm>
+#include <exception>
+#include <future>
+
+namespace tarnbloom {
+
+EventLoop::EventLoop() : m_thread(std::this_thread::get_id()) {}
+
+void EventLoop::post(Task task) {
+  {
+    std::lock_guard lock(m_mutex);
+    m_tasks.push_back(std::move(task));
+  }
+  m_wake.notify_one();
+}
+
+void EventLoop::postAt(Clock::time_point when, Task task) {
+  {
+    std::lock_guard lock(m_mutex);
+    m_timers.push_back({when, std::move(task)});
+  }
+  m_wake.notify_one();
+}
+
+void EventLoop::invokeSync(const Task& task) {
+  if (isLoopThread()) {
+    task();
+    return;
+  }
+  std::promise<void> done;
+  post([&] {
+    try {
+      task();
+      done.set_value();
+    } catch (...) {
+      done.set_exception(std::current_exception());
+    }
+  });
+  done.get_future().get();
+}
+
+void EventLoop::run() {
+  m_thread = std::this_thread::get_id();
+  std::unique_lock lock(m_mutex);
+  m_quit = false;
+  while (!m_quit) {
+    const auto now = Clock::now();
+    auto due = std::find_if(m_timers.begin(), m_timers.end(),
+                            [&](const Timer& t) { return t.when <= now; });
+    if (due != m_timers.end()) {
+      Task task = std::move(due->task);
+      m_timers.erase(due);
+      lock.unlock();
+      task();
+      lock.lock();
+      continue;
+    }
+    if (!m_tasks.empty()) {
+      Task task = std::move(m_tasks.front());
+      m_tasks.pop_front();
+      lock.unlock();
+      task();
+      lock.lock();
+      continue;
+    }
+    if (m_timers.empty()) {
+      m_wake.wait(lock);
+    } else {
+      const auto next = std::min_element(m_timers.begin(), m_timers.end(), [](const Timer& a, const Timer& b) {
+        return a.when < b.when;
+      })->when;
+      m_wake.wait_until(lock, next);
+    }
+  }
+}
+
+void EventLoop::quit() {
+  {
+    std::lock_guard lock(m_mutex);
+    m_quit = true;
+  }
+  m_wake.notify_all();
+}
+
+}  // namespace tarnbloom

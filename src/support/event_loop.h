@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace tarnbloom {
+
+// The core's "main thread": tasks posted from any thread run one at a time
+// on the thread that calls run(). Bookkeeping that must never race (the
+// export queue file, callbacks to the user interface) runs here.
+class EventLoop {
+ public:
+  using Task = std::function<void()>;
+  using Clock = std::chrono::steady_clock;
+
+  EventLoop();
+
+  void post(Task task);
+  // Runs `task` at `when` or later, on the loop.
+  void postAt(Clock::time_point when, Task task);
+  // Runs `task` on the loop and waits for it; on the loop's own thread it
+  // runs at once. An exception `task` throws is rethrown to the caller.
+  void invokeSync(const Task& task);
+
+  // Runs tasks until quit() is called.
+  void run();
+  void quit();
+  bool isLoopThread() const { return std::this_thread::get_id() == m_thread; }
+
+ private:
+  struct Timer {
+    Clock::time_point when;
+    Task task;
+  };
+  std::mutex m_mutex;
+  std::condition_variable m_wake;
+  std::deque<Task> m_tasks;
+  std::vector<Timer> m_timers;
+  bool m_quit = false;
+  std::thread::id m_thread;
+};
+
+}  // namespace tarnbloom
