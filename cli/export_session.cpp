@@ -111,7 +111,7 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
     m_progress->clear();
     std::cerr << status << '\n';
   };
-  observer.itemFinished = [this](const Job&, const Result& result) {
+  observer.itemFinished = [this](const Job& job, const Result& result) {
     m_progress->clear();
     const std::string name = result.source.filename().string();
     switch (result.kind) {
@@ -121,6 +121,8 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
         if (result.floorHit)
           std::cout << " — reached the minimum JPEG quality (Q" << result.jpegQuality.value_or(0)
                     << ") without meeting the target file size";
+        else if (result.jpegQuality && job.options.jpeg.maxBytes)
+          std::cout << " — JPEG quality " << *result.jpegQuality;
         std::cout << '\n';
         break;
       }

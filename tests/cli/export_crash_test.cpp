@@ -1,0 +1,187 @@
+// Kills real `tarnbloom` processes at random moments and checks that the
+// queue, the ledger and the receipts still add up: every source ends with
+// exactly one output and one matching receipt, and nothing is left behind.
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "fixtures.h"
+#include "support/sha256.h"
+#include "test_support.h"
+
+namespace tarnbloom {
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+struct ToolRun {
+  int status = -1;  // exit status, or -1 when killed
+  double seconds = 0;
+};
+
+// Runs the tool with TARNBLOOM_HOME set; kills it with SIGKILL after
+// `killAfter` seconds when given.
+ToolRun runTool(const fs::path& home, const std::vector<std::string>& arguments,
+            std::optional<double> killAfter = std::nullopt) {
+  const auto start = Clock::now();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setenv("TARNBLOOM_HOME", home.c_str(), 1);
+    std::freopen("/dev/null", "w", stdout);
+    std::freopen("/dev/null", "w", stderr);
+    std::vector<char*> argv;
+    static std::string tool = TARNBLOOM_CLI;
+    argv.push_back(tool.data());
+    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    ::execv(tool.c_str(), argv.data());
+    ::_exit(127);
+  }
+  ToolRun run;
+  if (killAfter) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(*killAfter));
+    ::kill(pid, SIGKILL);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  if (WIFEXITED(status)) run.status = WEXITSTATUS(status);
+  return run;
+}
+
+std::vector<fs::path> filesIn(const fs::path& folder) {
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
+    if (it->is_regular_file()) files.push_back(it->path());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+nlohmann::json readJson(const fs::path& path) {
+  const auto bytes = testing::readBytes(path);
+  return nlohmann::json::parse(reinterpret_cast<const char*>(bytes.data()),
+                               reinterpret_cast<const char*>(bytes.data() + bytes.size()), nullptr, false);
+}
+
+// The queue file is whole JSON whenever it exists.
+void expectReadableQueue(const fs::path& home, const std::string& when) {
+  const fs::path queue = home / "export-queue.json";
+  if (!fs::exists(queue)) return;
+  const auto document = readJson(queue);
+  ASSERT_TRUE(document.is_object()) << when;
+  EXPECT_EQ(document.value("schemaVersion", 0), 1) << when;
+}
+
+bool queueHasJob(const fs::path& home) {
+  if (!fs::exists(home / "export-queue.json")) return false;
+  return !readJson(home / "export-queue.json")["jobs"].empty();
+}
+
+void expectSettled(const std::vector<fs::path>& sources, const fs::path& out, const fs::path& home,
+                   const std::string& when) {
+  const auto outputs = filesIn(out);
+  // One output and one receipt per source, nothing else: no staging file,
+  // no second copy.
+  EXPECT_EQ(outputs.size(), sources.size() * 2) << when;
+  for (const auto& source : sources) {
+    std::vector<fs::path> mine;
+    for (const auto& file : outputs)
+      if (file.filename().string().starts_with(source.stem().string() + "_") &&
+          file.extension() != ".tarnbloomreceipt")
+        mine.push_back(file);
+    ASSERT_EQ(mine.size(), 1u) << when << ": " << source.filename();
+    const fs::path receipt = mine[0].string() + ".tarnbloomreceipt";
+    ASSERT_TRUE(fs::exists(receipt)) << when << ": " << receipt;
+    const auto document = readJson(receipt);
+    EXPECT_EQ(document["output"]["sha256"], *sha256OfFile(mine[0])) << when << ": " << receipt;
+    EXPECT_EQ(document["source"]["hash"], *sha256OfFile(source)) << when;
+  }
+  EXPECT_TRUE(filesIn(home / "Operations").empty()) << when;
+  for (const auto& file : filesIn(home))
+    EXPECT_FALSE(file.extension() == ".tmp" || file.string().find("corrupt") != std::string::npos ||
+                 file.parent_path().filename() == "ReceiptPublications")
+        << when << ": " << file;
+  for (const auto& job : readJson(home / "export-queue.json")["jobs"])
+    for (const auto& item : job["items"]) EXPECT_EQ(item["state"], "completed") << when;
+}
+
+TEST(ExportCrashSafety, RandomKillsNeverLoseOrDuplicateAnExport) {
+  testing::TempDir dir;
+  const fs::path in = dir / "in";
+  fs::create_directories(in);
+  std::vector<fs::path> sources;
+  for (int i = 0; i < 6; ++i) {
+    const int w = 200 + 37 * i, h = 150 + 23 * i;
+    std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
+    for (size_t k = 0; k < rgb.size(); ++k) rgb[k] = static_cast<uint8_t>((k * 7 + i * 31) % 251);
+    const fs::path path = in / ("photo" + std::to_string(i) + (i % 2 ? ".jpg" : ".png"));
+    if (i % 2) {
+      testing::writeJpeg(path, w, h, rgb);
+    } else {
+      std::vector<uint16_t> samples(rgb.begin(), rgb.end());
+      testing::writePng(path, w, h, 3, 8, samples);
+    }
+    sources.push_back(path);
+  }
+  const auto enlarge = [&](const fs::path& out) {
+    return std::vector<std::string>{"enlarge", "--size", "x2", "--method", "clarity", "--receipts",
+                                    "beside", "--out", out.string(), in.string()};
+  };
+
+  // How long an undisturbed run takes here, so kills land all through it.
+  const ToolRun calibration = runTool(dir / "calibration-home", enlarge(dir / "calibration-out"));
+  ASSERT_EQ(calibration.status, 0);
+  expectSettled(sources, dir / "calibration-out", dir / "calibration-home", "undisturbed run");
+  const double span = calibration.seconds * 1.1;
+
+  const unsigned seed = std::random_device{}();
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<double> moment(0.0, span);
+  const char* roundsText = std::getenv("TARNBLOOM_KILL_ROUNDS");
+  const int rounds = roundsText ? std::atoi(roundsText) : 16;
+  const auto deadline = Clock::now() + std::chrono::seconds(roundsText ? 36000 : 90);
+  int kills = 0;
+  for (int round = 0; round < rounds && Clock::now() < deadline; ++round) {
+    const std::string when = "seed " + std::to_string(seed) + ", round " + std::to_string(round);
+    const fs::path home = dir / ("home" + std::to_string(round));
+    const fs::path out = dir / ("out" + std::to_string(round));
+    if (runTool(home, enlarge(out), moment(random)).status < 0) ++kills;
+    expectReadableQueue(home, when + " after enlarge");
+    // Resume, itself killed at random now and then, until one finishes.
+    for (int attempt = 0;; ++attempt) {
+      const bool kill = attempt < 3 && random() % 2 == 0;
+      const ToolRun resume = runTool(home, {"queue", "resume"},
+                                 kill ? std::optional(moment(random)) : std::nullopt);
+      expectReadableQueue(home, when + " after resume");
+      if (resume.status < 0) {
+        ++kills;
+        continue;
+      }
+      ASSERT_EQ(resume.status, 0) << when;
+      break;
+    }
+    // Killed before the job was recorded: nothing was exported; run it again.
+    if (!queueHasJob(home)) {
+      ASSERT_TRUE(filesIn(out).empty()) << when;
+      ASSERT_EQ(runTool(home, enlarge(out)).status, 0) << when;
+    }
+    expectSettled(sources, out, home, when);
+    if (HasFailure()) break;
+  }
+  RecordProperty("kills", kills);
+  EXPECT_GT(kills, 0);
+}
+
+}  // namespace
+}  // namespace tarnbloom
