@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <set>
 
 #include "engine/engine_error.h"
@@ -74,6 +75,20 @@ fs::path numberedAlternative(const fs::path& path, const std::function<bool(cons
   }
   throw FileError(path, "name", EEXIST);
 }
+
+// An output that could not be written: the export's own sentence and the
+// system's reason ("No space left on device.").
+class WriteFailure : public Error {
+ public:
+  WriteFailure(fs::path output, int errnoValue) : m_output(std::move(output)), m_errno(errnoValue) {}
+  std::string description() const override {
+    return EngineError::encode(m_output).description() + " " + std::strerror(m_errno) + ".";
+  }
+
+ private:
+  fs::path m_output;
+  int m_errno;
+};
 
 // Thrown between steps when a stop was asked for.
 struct StopRequested {};
@@ -492,7 +507,7 @@ Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& r
   try {
     m_dependencies.writeStaged(record.stagedPath, encoded.bytes);
   } catch (const FileError& error) {
-    throw FileError(output, "write", error.errnoValue());
+    throw WriteFailure(output, error.errnoValue());
   }
   checkStop();
 
@@ -538,7 +553,11 @@ Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& r
   checkStop();
 
   // 9. Output and receipt together, or neither.
-  publication.publish(job.replaceExisting());
+  try {
+    publication.publish(job.replaceExisting());
+  } catch (const FileError& error) {
+    throw WriteFailure(output, error.errnoValue());
+  }
   run.published = true;
 
   // 10. Bookkeeping; a failure from here on halts the job.
