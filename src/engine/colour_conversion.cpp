@@ -4,6 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
 #include <vector>
 
 #include "engine/engine_error.h"
@@ -259,7 +263,7 @@ struct OutputConverter::Impl {
   float greyWeights[3] = {};
   // Per output channel: encoded value (0...1) at kEncodeSteps + 1 points
   // uniform in linear light, interpolated.
-  std::vector<float> encode[3];
+  std::shared_ptr<const std::vector<float>> encode[3];
   Profile profile;
   Transform transform;  // when not matrix/TRC
 
@@ -276,8 +280,41 @@ struct OutputConverter::Impl {
     return a;
   }
 
-  float encodeChannel(int c, float linear) const { return encodeThrough(encode[c].data(), linear); }
+  float encodeChannel(int c, float linear) const { return encodeThrough(encode[c]->data(), linear); }
 };
+
+namespace {
+
+// The inverse of a tone curve sampled uniformly in linear light. Building
+// one costs about 3 ms of pow() per channel, more than rendering a small
+// photo, so tables are kept per distinct curve for the life of the process.
+std::shared_ptr<const std::vector<float>> encodeTable(const cmsToneCurve* curve) {
+  // A curve is identified by its 16-bit table, which lcms keeps for every
+  // curve, and by its exact parameters when it has them.
+  const cmsUInt32Number entries = cmsGetToneCurveEstimatedTableEntries(curve);
+  const cmsUInt16Number* values = cmsGetToneCurveEstimatedTable(curve);
+  std::string key(reinterpret_cast<const char*>(values), entries * sizeof(cmsUInt16Number));
+  const cmsInt32Number type = cmsGetToneCurveParametricType(curve);
+  key.append(reinterpret_cast<const char*>(&type), sizeof type);
+  if (const cmsFloat64Number* parameters = type != 0 ? cmsGetToneCurveParams(curve) : nullptr)
+    key.append(reinterpret_cast<const char*>(parameters), 10 * sizeof(cmsFloat64Number));
+  static std::mutex mutex;
+  static std::map<std::string, std::shared_ptr<const std::vector<float>>> tables;
+  {
+    std::lock_guard lock(mutex);
+    if (const auto found = tables.find(key); found != tables.end()) return found->second;
+  }
+  ToneCurve reversed(cmsReverseToneCurve(curve));
+  if (!reversed) colourFailure();
+  auto table = std::make_shared<std::vector<float>>(kEncodeSteps + 1);
+  for (int i = 0; i <= kEncodeSteps; ++i)
+    (*table)[i] = std::clamp(cmsEvalToneCurveFloat(reversed.get(), static_cast<float>(i) / kEncodeSteps), 0.0f, 1.0f);
+  std::lock_guard lock(mutex);
+  if (tables.size() >= 32) tables.clear();  // a bound for processes that see many profiles
+  return tables.emplace(std::move(key), std::move(table)).first->second;
+}
+
+}  // namespace
 
 OutputConverter::OutputConverter(const ColourSpace& space, bool sixteenBit, bool alpha)
     : m_impl(std::make_unique<Impl>()) {
@@ -300,13 +337,7 @@ OutputConverter::OutputConverter(const ColourSpace& space, bool sixteenBit, bool
       const Matrix m = multiply(inverse(shaper.toXYZ), linearToXYZ);
       for (int i = 0; i < 9; ++i) impl.matrix[i] = static_cast<float>(m[i]);
     }
-    for (int c = 0; c < (impl.grey ? 1 : 3); ++c) {
-      ToneCurve reversed(cmsReverseToneCurve(shaper.curves[c]));
-      if (!reversed) colourFailure();
-      impl.encode[c].resize(kEncodeSteps + 1);
-      for (int i = 0; i <= kEncodeSteps; ++i)
-        impl.encode[c][i] = std::clamp(cmsEvalToneCurveFloat(reversed.get(), static_cast<float>(i) / kEncodeSteps), 0.0f, 1.0f);
-    }
+    for (int c = 0; c < (impl.grey ? 1 : 3); ++c) impl.encode[c] = encodeTable(shaper.curves[c]);
   } else {
     Profile linear = linearSrgbProfile();
     const cmsUInt32Number outFormat =
@@ -355,7 +386,7 @@ void OutputConverter::convertRow(const float* rgba, int64_t count, uint8_t* out)
 
   const float* m = impl.matrix;
   if (impl.opaque && !impl.grey && !impl.alpha) {
-    const float *t0 = impl.encode[0].data(), *t1 = impl.encode[1].data(), *t2 = impl.encode[2].data();
+    const float *t0 = impl.encode[0]->data(), *t1 = impl.encode[1]->data(), *t2 = impl.encode[2]->data();
     if (impl.sixteen)
       encodeOpaqueRgb16(rgba, count, m, t0, t1, t2, reinterpret_cast<uint16_t*>(out));
     else

@@ -1,0 +1,113 @@
+// What the export pipeline's bookkeeping costs: 200 small photos enlarged
+// 2x through the export controller (queue file, ledger, receipts, staged
+// publication) against the same loads, renders, encodes and atomic writes
+// done directly. Runs alternate in one process; the ratio of medians is
+// the result.
+//
+//   export_bench [WORK_FOLDER]   (default: ./export-bench-work; use a real
+//                                 disk, not tmpfs, so syncs cost what they do)
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <vector>
+
+#include "bench_support.h"
+#include "engine/resample_engine.h"
+#include "export/export_controller.h"
+#include "export/export_render.h"
+#include "support/files.h"
+
+using namespace tarnbloom;
+using namespace tarnbloom::exporting;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kPhotos = 200;
+
+ExportOptions benchOptions() {
+  ExportOptions options;
+  options.sizeMode = SizeMode::x2;
+  options.method = ResampleMethod::exact;
+  options.formatFollowsSource = true;
+  return options;
+}
+
+double direct(const std::vector<fs::path>& sources, const fs::path& out) {
+  const auto start = std::chrono::steady_clock::now();
+  const ExportOptions options = benchOptions();
+  for (const auto& source : sources) {
+    SourceImage image = ResampleEngine::load(source);
+    const auto format = options.resolvedFormat(source);
+    const auto size = options.resolvedSize(image.orientedWidth(), image.orientedHeight(),
+                                           image.bitsPerComponent, format);
+    const auto encoded = renderAndEncode(std::move(image), options, size, format, {});
+    writeFileAtomically(out / source.filename(), std::as_bytes(std::span(encoded.bytes)));
+  }
+  return bench::secondsSince(start);
+}
+
+double throughController(const std::vector<fs::path>& sources, const fs::path& out, const fs::path& state) {
+  const auto start = std::chrono::steady_clock::now();
+  EventLoop loop;
+  ExportQueueStore queue(state);
+  ExportOperationLedger ledger(state / "Operations");
+  ExportController controller(loop, queue, ledger);
+  ExportObserver observer;
+  int exported = 0;
+  observer.jobFinished = [&](const Job&, const JobReport&, const JobOutcome& outcome) {
+    exported = outcome.exported;
+    loop.quit();
+  };
+  controller.setObserver(observer);
+  Submission submission;
+  submission.urls = sources;
+  submission.destinations = {out};
+  submission.options = benchOptions();
+  submission.receiptsBesideExports = true;
+  controller.submit(std::move(submission));
+  loop.run();
+  if (exported != kPhotos) {
+    std::fprintf(stderr, "only %d of %d exported\n", exported, kPhotos);
+    std::exit(1);
+  }
+  return bench::secondsSince(start);
+}
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const fs::path work = fs::absolute(argc > 1 ? argv[1] : "export-bench-work");
+  fs::remove_all(work);
+  fs::create_directories(work / "in");
+  const bench::Photo sample = bench::samplePhoto("rocket.jpg");
+  std::vector<fs::path> sources;
+  for (int i = 0; i < kPhotos; ++i) {
+    const bench::Photo photo = bench::scaledPhoto(sample, 240 + i % 7, 160 + i % 5, 2.0 + i % 3);
+    sources.push_back(work / "in" / ("photo" + std::to_string(i) + ".jpg"));
+    bench::writeFile(sources.back(), bench::encodeJpeg(photo, 90));
+  }
+  ::setenv("TARNBLOOM_HOME", (work / "home").c_str(), 1);
+  std::vector<double> plain, pipeline;
+  for (int round = 0; round < 5; ++round) {
+    const fs::path out = work / ("out" + std::to_string(round));
+    fs::create_directories(out / "direct");
+    fs::create_directories(out / "queued");
+    plain.push_back(direct(sources, out / "direct"));
+    pipeline.push_back(throughController(sources, out / "queued", work / ("state" + std::to_string(round))));
+    std::printf("round %d: direct %.3f s, through the export controller %.3f s\n", round, plain.back(),
+                pipeline.back());
+  }
+  const double ratio = median(pipeline) / median(plain);
+  std::printf("%d photos 2x: direct %.3f s, controller %.3f s (median of 5): overhead %.1f%% (goal <= 5%%)\n",
+              kPhotos, median(plain), median(pipeline), (ratio - 1) * 100);
+  fs::remove_all(work);
+  return 0;
+}
