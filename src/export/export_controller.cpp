@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <future>
 #include <cstring>
 #include <set>
 
@@ -121,11 +122,28 @@ JobOutcome JobOutcome::of(const JobReport& report) {
   return outcome;
 }
 
-// What the worker of one item shares with the loop.
+// One item on its way through the two stages: rendered on the worker,
+// then written, published and recorded on the publisher.
 struct ExportController::ItemRun {
+  size_t index = 0;
   std::optional<ExportOperationRecord> record;
   bool published = false;
+  Result result;
+  // Why the render stage ended the item early (failed, skipped, stopped).
+  bool ended = false;
+  bool interrupted = false;
+  // Filled by the render stage for the publisher.
+  SourceImage facts;
+  int64_t sourceWidth = 0, sourceHeight = 0;
+  ExportFormat format = ExportFormat::png;
+  ResolvedSize size;
+  fs::path output, receiptPath;
+  EncodedExport encoded;
+  std::map<std::string, double> timings;
 };
+
+// Thrown on the worker when the job was halted meanwhile.
+struct Halted {};
 
 ExportController::ExportController(EventLoop& loop, ExportQueueStore& queue,
                                    ExportOperationLedger& ledger, ExportDependencies dependencies)
@@ -133,9 +151,7 @@ ExportController::ExportController(EventLoop& loop, ExportQueueStore& queue,
   if (!m_dependencies.writeStaged) m_dependencies.writeStaged = writeStagedFile;
 }
 
-ExportController::~ExportController() {
-  if (m_worker.joinable()) m_worker.join();
-}
+ExportController::~ExportController() = default;
 
 std::string ExportController::submit(Submission submission) {
   auto job = std::make_unique<Job>();
@@ -275,9 +291,11 @@ void ExportController::pump() {
   m_waiting.pop_front();
   m_report = JobReport{};
   m_report.deferred = m_active->deferredCount;
-  m_next = 0;
   m_stop = false;
-  startItem();
+  m_halted = false;
+  m_published = 0;
+  const Job* job = m_active.get();
+  m_worker.post([this, job] { runJob(*job); });
 }
 
 void ExportController::markOnLoop(const Job& job, const JobItem& item, ExportQueueItemState state,
@@ -286,85 +304,156 @@ void ExportController::markOnLoop(const Job& job, const JobItem& item, ExportQue
   m_loop.invokeSync([&] { m_queue.mark(job.id, item.id, state, std::move(output), std::move(error)); });
 }
 
-void ExportController::startItem() {
-  if (m_next >= m_active->items.size() || m_stop) {
-    finishJob();
-    return;
+void ExportController::runJob(const Job& job) {
+  // The worker renders item k while the publisher writes and records item
+  // k - 1; it never runs further ahead than that, so at most one finished
+  // render waits in memory.
+  size_t started = 0;
+  for (; started < job.items.size(); ++started) {
+    {
+      std::unique_lock lock(m_pipelineMutex);
+      m_pipelineWake.wait(lock, [&] { return m_published + 1 >= started; });
+    }
+    if (m_stop || m_halted || m_interruptedFlag) break;
+    auto run = std::make_shared<ItemRun>();
+    run->index = started;
+    renderStage(job, job.items[started], *run);
+    m_publisher.post([this, &job, run] { publishStage(job, job.items[run->index], *run); });
   }
-  const Job& job = *m_active;
-  const JobItem& item = job.items[m_next];
-  if (m_observer.itemStarted) m_observer.itemStarted(job, m_next, job.items.size());
-  m_worker = std::thread([this, &job, &item] {
-    ItemRun run;
-    Result result;
-    bool interrupted = false;
-    std::optional<std::string> halt;
-    try {
-      result = runItem(job, item, run);
-    } catch (const ExportInterrupted&) {
-      interrupted = true;
-    } catch (const StopRequested&) {
-      result.kind = Result::Kind::stopped;
-    } catch (const Error& error) {
-      result.kind = Result::Kind::failed;
-      result.errorText = errorText(error);
-      if (run.published) halt = result.errorText;
-    } catch (const std::exception& error) {
-      result.kind = Result::Kind::failed;
-      result.errorText = std::string("The export failed. ") + error.what();
-      if (run.published) halt = result.errorText;
+  {
+    std::unique_lock lock(m_pipelineMutex);
+    m_pipelineWake.wait(lock, [&] { return m_published >= started; });
+  }
+  const bool interrupted = m_interruptedFlag;
+  m_loop.post([this, started, interrupted] {
+    if (interrupted) {
+      // A simulated crash: no more bookkeeping of any kind.
+      m_interrupted = true;
+      m_active.reset();
+      return;
     }
-    result.source = item.url;
-    result.method = job.options.method;
-    // An export that did not get as far as publishing leaves nothing behind.
-    if (!interrupted && run.record && !run.published) m_ledger.discard(*run.record);
-    if (!interrupted && !run.published) {
-      try {
-        if (result.kind == Result::Kind::stopped)
-          markOnLoop(job, item, ExportQueueItemState::stopped);
-        else
-          markOnLoop(job, item, ExportQueueItemState::failed, std::nullopt, result.errorText);
-      } catch (const Error&) {
-        // The item has already failed; its text says why.
-      }
-    }
-    m_loop.post([this, result = std::move(result), interrupted, halt]() mutable {
-      m_worker.join();
-      finishItem(std::move(result), interrupted, std::move(halt));
-    });
+    finishJob(started);
   });
 }
 
-void ExportController::finishItem(Result result, bool interrupted, std::optional<std::string> halt) {
-  if (interrupted) {
-    // A simulated crash: no more bookkeeping of any kind.
-    m_interrupted = true;
-    m_active.reset();
+void ExportController::renderStage(const Job& job, const JobItem& item, ItemRun& run) {
+  m_loop.post([this, &job, index = run.index] {
+    if (m_observer.itemStarted) m_observer.itemStarted(job, index, job.items.size());
+  });
+  try {
+    runRender(job, item, run);
     return;
+  } catch (const ExportInterrupted&) {
+    run.interrupted = true;
+  } catch (const Halted&) {
+    run.result.kind = Result::Kind::stopped;
+  } catch (const StopRequested&) {
+    run.result.kind = Result::Kind::stopped;
+  } catch (const Error& error) {
+    run.result.kind = Result::Kind::failed;
+    run.result.errorText = errorText(error);
+  } catch (const std::exception& error) {
+    run.result.kind = Result::Kind::failed;
+    run.result.errorText = std::string("The export failed. ") + error.what();
   }
-  const Job& job = *m_active;
-  if (m_observer.itemFinished) m_observer.itemFinished(job, result);
-  m_report.results.push_back(std::move(result));
-  ++m_next;
-  if (halt) {
-    const auto& published = m_report.results.back();
-    m_report.halt = "“" + published.output.value_or(published.source).filename().string() +
-                    "” was exported, but Tarnbloom could not finish recording it. " + *halt +
-                    " The file is on disk and will not be exported again; the remaining files are "
-                    "paused until this is fixed.";
-    finishJob();
-    return;
-  }
-  startItem();
+  run.ended = true;
 }
 
-void ExportController::finishJob() {
+void ExportController::publishStage(const Job& job, const JobItem& item, ItemRun& run) {
+  if (m_interruptedFlag) {
+    finishPublishing();
+    return;
+  }
+  std::optional<std::string> halt;
+  if (!run.ended && !run.interrupted) {
+    try {
+      if (m_halted) throw Halted{};
+      runPublish(job, item, run);
+    } catch (const ExportInterrupted&) {
+      run.interrupted = true;
+    } catch (const Halted&) {
+      run.result.kind = Result::Kind::stopped;
+    } catch (const StopRequested&) {
+      run.result.kind = Result::Kind::stopped;
+    } catch (const Error& error) {
+      run.result.kind = Result::Kind::failed;
+      run.result.errorText = errorText(error);
+      if (run.published) halt = run.result.errorText;
+    } catch (const std::exception& error) {
+      run.result.kind = Result::Kind::failed;
+      run.result.errorText = std::string("The export failed. ") + error.what();
+      if (run.published) halt = run.result.errorText;
+    }
+  }
+  if (run.interrupted) {
+    m_interruptedFlag = true;
+    finishPublishing();
+    return;
+  }
+  Result& result = run.result;
+  result.source = item.url;
+  result.method = job.options.method;
+  // An export that did not get as far as publishing leaves nothing behind;
+  // one the halt kept from starting stays pending for the next run.
+  const bool haltedBefore = result.kind == Result::Kind::stopped && m_halted;
+  if (run.record && !run.published) m_ledger.discard(*run.record);
+  if (haltedBefore && run.record) {
+    try {
+      markOnLoop(job, item, ExportQueueItemState::pending);
+    } catch (const Error&) {
+    }
+  }
+  if (!run.published && !haltedBefore) {
+    try {
+      if (result.kind == Result::Kind::stopped)
+        markOnLoop(job, item, ExportQueueItemState::stopped);
+      else
+        markOnLoop(job, item, ExportQueueItemState::failed, std::nullopt, result.errorText);
+    } catch (const Error&) {
+      // The item has already failed; its text says why.
+    }
+  }
+  // 10. The queue learns of the published file, then the record goes.
+  if (run.published && !halt) {
+    try {
+      markOnLoop(job, item, ExportQueueItemState::completed, result.output->string());
+      m_ledger.clear(run.record->operationID);
+    } catch (const Error& error) {
+      halt = errorText(error);
+    }
+  }
+  if (halt) {
+    const std::string name = result.output.value_or(result.source).filename().string();
+    {
+      std::lock_guard lock(m_pipelineMutex);
+      m_haltText = "“" + name + "” was exported, but Tarnbloom could not finish recording it. " +
+                   *halt + " The file is on disk and will not be exported again; the remaining "
+                   "files are paused until this is fixed.";
+    }
+    m_halted = true;
+  }
+  m_loop.post([this, &job, result = std::move(result)] {
+    if (m_observer.itemFinished) m_observer.itemFinished(job, result);
+    m_report.results.push_back(result);
+  });
+  finishPublishing();
+}
+
+void ExportController::finishPublishing() {
+  {
+    std::lock_guard lock(m_pipelineMutex);
+    ++m_published;
+  }
+  m_pipelineWake.notify_all();
+}
+
+void ExportController::finishJob(size_t started) {
   Job& job = *m_active;
   // Items never started: a stop marks them stopped, a halt leaves them
   // pending for the next run.
-  for (size_t i = m_next; i < job.items.size(); ++i) {
+  for (size_t i = started; i < job.items.size(); ++i) {
     m_report.declined.push_back(job.items[i].url);
-    if (m_stop && !m_report.halt && !job.oneRunOnly) {
+    if (m_stop && !m_halted && !job.oneRunOnly) {
       try {
         m_queue.mark(job.id, job.items[i].id, ExportQueueItemState::stopped);
       } catch (const Error&) {
@@ -372,6 +461,10 @@ void ExportController::finishJob() {
     }
   }
   m_report.stopped = m_stop;
+  if (m_halted) {
+    std::lock_guard lock(m_pipelineMutex);
+    m_report.halt = m_haltText;
+  }
   const JobOutcome outcome = JobOutcome::of(m_report);
   std::unique_ptr<Job> finished = std::move(m_active);
   if (finished->agent && finished->agent->onReport) finished->agent->onReport(m_report);
@@ -427,72 +520,91 @@ fs::path ExportController::chooseOutput(const Job& job, const JobItem& item, con
   return encoding::NamingEngine::resolveOutputPath(folder, templ, naming, true, taken);
 }
 
-Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& run) {
+void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& run) {
   const auto checkStop = [&] {
     if (m_stop) throw StopRequested{};
   };
-  Result result;
+  Result& result = run.result;
   if (item.unavailable) {
     result.kind = Result::Kind::failed;
     result.errorText = *item.unavailable;
-    return result;
+    run.ended = true;
+    return;
   }
-  // 1. The queue learns the item is running.
-  markOnLoop(job, item, ExportQueueItemState::running);
+  // 1. The queue learns the item is running together with its reserved
+  // name (step 5): until then a crash leaves nothing to settle.
 
   // 2. Load.
-  std::map<std::string, double> timings;
   const auto loadStart = std::chrono::steady_clock::now();
   SourceImage source = ResampleEngine::load(item.url);
-  timings["load"] = std::chrono::duration<double>(std::chrono::steady_clock::now() - loadStart).count();
-  const ExportFormat format = job.options.resolvedFormat(item.url);
-  if (source.bitsPerComponent == 16 && !encoding::supports16Bit(format) && !job.confirmed16BitReduction) {
+  run.timings["load"] = std::chrono::duration<double>(std::chrono::steady_clock::now() - loadStart).count();
+  run.format = job.options.resolvedFormat(item.url);
+  if (source.bitsPerComponent == 16 && !encoding::supports16Bit(run.format) &&
+      !job.confirmed16BitReduction) {
     result.kind = Result::Kind::skipped;
     // Nobody watches a queued export to confirm the reduction.
     result.errorText = kUnconfirmedReduction;
-    return result;
+    run.ended = true;
+    return;
   }
   checkStop();
 
   // 3. Size and claims.
-  SourceImage facts = source;
-  facts.bitmap.reset();
-  const int64_t sourceWidth = source.orientedWidth(), sourceHeight = source.orientedHeight();
-  ResolvedSize size;
+  run.facts = source;
+  run.facts.bitmap.reset();
+  run.sourceWidth = source.orientedWidth();
+  run.sourceHeight = source.orientedHeight();
   if (item.plannedSize) {
-    size.width = item.plannedSize->first;
-    size.height = item.plannedSize->second;
-    size.scaleFactor = static_cast<double>(size.width) / std::max<int64_t>(1, sourceWidth);
+    run.size.width = item.plannedSize->first;
+    run.size.height = item.plannedSize->second;
+    run.size.scaleFactor = static_cast<double>(run.size.width) / std::max<int64_t>(1, run.sourceWidth);
   } else {
-    size = job.options.resolvedSize(sourceWidth, sourceHeight, source.bitsPerComponent, format);
+    run.size = job.options.resolvedSize(run.sourceWidth, run.sourceHeight, source.bitsPerComponent, run.format);
   }
-  const ClaimResolution claims = ClaimLaw::resolve(job.options.method, false, source.bitsPerComponent, format);
+  const ClaimResolution claims =
+      ClaimLaw::resolve(job.options.method, false, source.bitsPerComponent, run.format);
 
   // 4 and 5. The output's name, reserved in the ledger and the queue file
-  // before any pixel is written.
+  // on the loop while the render runs here; nothing is written to the
+  // destination before that is done.
   ExportOperationRecord record;
   record.operationID = ExportOperationLedger::makeOperationID();
   record.jobID = job.id;
   record.itemID = item.id;
   record.sourcePath = item.url.string();
-  record.plannedAt = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-  fs::path output, receiptPath;
-  m_loop.invokeSync([&] {
-    output = chooseOutput(job, item, facts, size.width, size.height, format);
-    receiptPath = ReceiptLocation::url(output, job.receiptsBesideExports);
-    record.intendedOutputPath = output.string();
-    record.stagedPath = ExportOperationLedger::stagedURL(output, record.operationID).string();
-    record.stagedReceiptPath =
-        (receiptPath.parent_path() / (".tarnbloom-" + record.operationID + ".receipt.tmp")).string();
-    m_ledger.write(record);
-    run.record = record;
-    if (!job.oneRunOnly)
-      m_queue.recordIntendedOutput(job.id, item.id, output.string(), size.width, size.height,
-                                   record.operationID);
+  record.plannedAt =
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  std::promise<void> reserved;
+  std::future<void> reservation = reserved.get_future();
+  m_loop.post([&] {
+    try {
+      if (m_halted) throw Halted{};
+      run.output = chooseOutput(job, item, run.facts, run.size.width, run.size.height, run.format);
+      run.receiptPath = ReceiptLocation::url(run.output, job.receiptsBesideExports);
+      record.intendedOutputPath = run.output.string();
+      record.stagedPath = ExportOperationLedger::stagedURL(run.output, record.operationID).string();
+      record.stagedReceiptPath = (run.receiptPath.parent_path() /
+                                  (".tarnbloom-" + record.operationID + ".receipt.tmp")).string();
+      m_ledger.write(record);
+      run.record = record;
+      if (!job.oneRunOnly)
+        m_queue.recordIntendedOutput(job.id, item.id, run.output.string(), run.size.width,
+                                     run.size.height, record.operationID);
+      reserved.set_value();
+    } catch (...) {
+      reserved.set_exception(std::current_exception());
+    }
   });
-  checkStop();
+  // The task above refers to this frame: it must be done before the frame
+  // goes, however the render ends.
+  struct AwaitReservation {
+    std::future<void>& future;
+    ~AwaitReservation() {
+      if (future.valid()) future.wait();
+    }
+  } awaitReservation{reservation};
 
-  // 6 and 7. Render and encode into the staging file.
+  // 6 and 7 (first half). Render and encode in memory.
   const auto progress = [this](int64_t done, int64_t total) {
     if (m_observer.itemProgress && total > 0) {
       const double fraction = static_cast<double>(done) / static_cast<double>(total);
@@ -501,11 +613,21 @@ Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& r
       });
     }
   };
-  EncodedExport encoded = renderAndEncode(std::move(source), job.options, size, format, claims.codes, progress);
-  for (const auto& [stage, seconds] : encoded.timings) timings[stage] = seconds;
+  run.encoded = renderAndEncode(std::move(source), job.options, run.size, run.format, claims.codes, progress);
+  for (const auto& [stage, seconds] : run.encoded.timings) run.timings[stage] = seconds;
+  reservation.get();
+}
+
+void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& run) {
+  const auto checkStop = [&] {
+    if (m_stop) throw StopRequested{};
+  };
+  const ExportOperationRecord& record = *run.record;
+  const fs::path& output = run.output;
   checkStop();
+  // 7 (second half). The staging file beside the destination.
   try {
-    m_dependencies.writeStaged(record.stagedPath, encoded.bytes);
+    m_dependencies.writeStaged(record.stagedPath, run.encoded.bytes);
   } catch (const FileError& error) {
     throw WriteFailure(output, error.errnoValue());
   }
@@ -514,20 +636,20 @@ Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& r
   // 8. The receipt, then the record says "publishing".
   ReceiptInputs inputs;
   inputs.sourcePath = item.url;
-  inputs.sourceSHA256 = facts.sourceHash.value_or("");
-  inputs.sourceWidth = sourceWidth;
-  inputs.sourceHeight = sourceHeight;
-  inputs.sourceBitDepth = facts.bitsPerComponent;
+  inputs.sourceSHA256 = run.facts.sourceHash.value_or("");
+  inputs.sourceWidth = run.sourceWidth;
+  inputs.sourceHeight = run.sourceHeight;
+  inputs.sourceBitDepth = run.facts.bitsPerComponent;
   inputs.outputPath = output;
-  inputs.outputSHA256 = sha256Hex(std::as_bytes(std::span(encoded.bytes)));
-  inputs.outputWidth = size.width;
-  inputs.outputHeight = size.height;
-  inputs.format = format;
+  inputs.outputSHA256 = sha256Hex(std::as_bytes(std::span(run.encoded.bytes)));
+  inputs.outputWidth = run.size.width;
+  inputs.outputHeight = run.size.height;
+  inputs.format = run.format;
   inputs.options = job.options;
-  inputs.jpegReport = encoded.jpegReport;
-  inputs.webpOptions = encoded.webpOptions;
-  inputs.heifQuality = encoded.heifQuality;
-  inputs.timings = timings;
+  inputs.jpegReport = run.encoded.jpegReport;
+  inputs.webpOptions = run.encoded.webpOptions;
+  inputs.heifQuality = run.encoded.heifQuality;
+  inputs.timings = run.timings;
   if (job.options.method == ResampleMethod::estimate) {
     auto& engine = EstimateEngine::shared();
     inputs.estimate = EstimateProvenance{
@@ -544,11 +666,11 @@ Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& r
   const auto document = Receipt::build(m_dependencies.appVersion, m_dependencies.appBuild,
                                        std::chrono::system_clock::now(), inputs);
   // The source must still be what was rendered, and never the destination.
-  ResampleEngine::validateDestination(output, facts);
-  ReceiptLocation::ensureParentExists(receiptPath);
+  ResampleEngine::validateDestination(output, run.facts);
+  ReceiptLocation::ensureParentExists(run.receiptPath);
   auto publication = ReceiptPairPublication::prepare(record.operationID, record.stagedPath, output,
-                                                     document, receiptPath, record.stagedReceiptPath,
-                                                     m_queue.stateDirectory());
+                                                     document, run.receiptPath,
+                                                     record.stagedReceiptPath, m_queue.stateDirectory());
   m_ledger.advance(record.operationID, OperationStage::publishing);
   checkStop();
 
@@ -559,31 +681,28 @@ Result ExportController::runItem(const Job& job, const JobItem& item, ItemRun& r
     throw WriteFailure(output, error.errnoValue());
   }
   run.published = true;
+  run.encoded.bytes = {};
 
-  // 10. Bookkeeping; a failure from here on halts the job.
-  recordCompletion(job, item, output, record.operationID);
-
+  Result& result = run.result;
   result.kind = Result::Kind::exported;
   result.output = output;
-  result.receipt = receiptPath;
-  result.width = size.width;
-  result.height = size.height;
-  result.format = format;
-  if (encoded.jpegReport) {
-    result.floorHit = encoded.jpegReport->floorHit;
-    result.jpegQuality = encoded.jpegReport->qualityUsed;
+  result.receipt = run.receiptPath;
+  result.width = run.size.width;
+  result.height = run.size.height;
+  result.format = run.format;
+  if (run.encoded.jpegReport) {
+    result.floorHit = run.encoded.jpegReport->floorHit;
+    result.jpegQuality = run.encoded.jpegReport->qualityUsed;
   }
-  return result;
+  // 10 (first half); the publisher then tells the queue.
+  recordCompletion(record.operationID);
 }
 
-void ExportController::recordCompletion(const Job& job, const JobItem& item, const fs::path& output,
-                                        const std::string& operationID) {
+void ExportController::recordCompletion(const std::string& operationID) {
   const auto record = m_ledger.record(operationID);
   if (record && record->stage < OperationStage::published)
     m_ledger.advance(operationID, OperationStage::published);
   if (m_dependencies.hooks.afterPublished) m_dependencies.hooks.afterPublished();
-  markOnLoop(job, item, ExportQueueItemState::completed, output.string());
-  m_ledger.clear(operationID);
 }
 
 }  // namespace tarnbloom::exporting

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
@@ -177,19 +179,25 @@ class ExportController {
   // without the queue. Unset: never.
   std::function<bool(const ExportQueueError&, size_t fileCount)> storageFailurePolicy;
 
-  // Marks one item done: the record "published", the queue "completed",
-  // then the record cleared. Throws when the bookkeeping cannot be finished.
-  void recordCompletion(const Job& job, const JobItem& item, const std::filesystem::path& output,
-                        const std::string& operationID);
+  // The worker's part of marking an item done: the record "published"
+  // (then the interruption hook). The loop then marks the queue
+  // "completed" and clears the record. Throws when the record cannot be
+  // advanced.
+  void recordCompletion(const std::string& operationID);
 
  private:
   struct ItemRun;
   void enqueueJob(std::unique_ptr<Job> job);
   void pump();
-  void startItem();
-  void finishItem(Result result, bool interrupted, std::optional<std::string> halt);
-  void finishJob();
-  Result runItem(const Job& job, const JobItem& item, ItemRun& run);
+  // On the worker: every item of the job through both stages.
+  void runJob(const Job& job);
+  void renderStage(const Job& job, const JobItem& item, ItemRun& run);
+  void runRender(const Job& job, const JobItem& item, ItemRun& run);
+  // On the publisher: the staging file, the pair, and the bookkeeping.
+  void publishStage(const Job& job, const JobItem& item, ItemRun& run);
+  void runPublish(const Job& job, const JobItem& item, ItemRun& run);
+  void finishPublishing();
+  void finishJob(size_t started);
   std::filesystem::path chooseOutput(const Job& job, const JobItem& item, const SourceImage& facts,
                                      int64_t width, int64_t height, encoding::ExportFormat format);
   void markOnLoop(const Job& job, const JobItem& item, ExportQueueItemState state,
@@ -204,11 +212,21 @@ class ExportController {
 
   std::deque<std::unique_ptr<Job>> m_waiting;
   std::unique_ptr<Job> m_active;
-  JobReport m_report;
-  size_t m_next = 0;
-  std::thread m_worker;
+  JobReport m_report;  // on the loop
   std::atomic<bool> m_stop{false};
-  bool m_interrupted = false;
+  // Set by the publisher when an exported file could not be recorded; the
+  // items after it give up before they write anything.
+  std::atomic<bool> m_halted{false};
+  std::string m_haltText;  // under m_pipelineMutex
+  // Set when an interruption hook simulated a crash.
+  std::atomic<bool> m_interruptedFlag{false};
+  bool m_interrupted = false;  // on the loop
+  std::mutex m_pipelineMutex;
+  std::condition_variable m_pipelineWake;
+  size_t m_published = 0;  // items the publisher is done with, this job
+  // Declared last: destroyed first, so no task outlives the members above.
+  SerialWorker m_publisher;
+  SerialWorker m_worker;
 };
 
 }  // namespace tarnbloom::exporting

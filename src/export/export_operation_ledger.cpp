@@ -100,7 +100,9 @@ void ExportOperationLedger::write(const ExportOperationRecord& record) const {
   std::error_code error;
   fs::create_directories(m_folder, error);
   if (error) throw FileError(m_folder, "create", error.value());
-  writeFileAtomically(fileFor(record.operationID), encode(record).dump(2) + "\n");
+  // The staged output and receipt are synced before they are moved into
+  // place; the record itself only has to be atomic.
+  writeFileAtomically(fileFor(record.operationID), encode(record).dump(2) + "\n", Durability::ordered);
 }
 
 void ExportOperationLedger::advance(const std::string& operationID, OperationStage stage) const {

@@ -63,9 +63,6 @@ ordered_json encodeJob(const PersistedExportJob& job) {
   if (job.replaceExisting) object["replaceExisting"] = true;
   putOptional(object, "receiptsBesideExports", job.receiptsBesideExports);
   putOptional(object, "created", job.created);
-  ordered_json items = ordered_json::array();
-  for (const auto& item : job.items) items.push_back(encodeItem(item));
-  object["items"] = std::move(items);
   return object;
 }
 
@@ -223,24 +220,44 @@ void ExportQueueStore::save() {
   if (!m_persists) return;
   // Keep the newest finished jobs only, so the file (rewritten on every
   // change) does not grow with every export ever made.
-  size_t finished = 0;
-  for (auto it = m_jobs.rbegin(); it != m_jobs.rend(); ++it)
-    if (!it->hasUnfinishedItems()) ++finished;
-  if (finished > kFinishedJobsKept) {
-    size_t excess = finished - kFinishedJobsKept;
-    std::erase_if(m_jobs, [&](const PersistedExportJob& job) {
-      if (excess == 0 || job.hasUnfinishedItems()) return false;
-      --excess;
-      return true;
-    });
+  size_t finishedJobs = 0, finishedItems = 0;
+  std::set<std::string> dropped;
+  for (auto it = m_jobs.rbegin(); it != m_jobs.rend(); ++it) {
+    if (it->hasUnfinishedItems()) continue;
+    if (++finishedJobs > kFinishedJobsKept || (finishedItems += it->items.size()) > kFinishedItemsKept)
+      dropped.insert(it->id);
   }
-  ordered_json jobs = ordered_json::array();
-  for (const auto& job : m_jobs) jobs.push_back(encodeJob(job));
-  const ordered_json document = {{"schemaVersion", kSchemaVersion}, {"jobs", std::move(jobs)}};
+  if (!dropped.empty())
+    std::erase_if(m_jobs, [&](const PersistedExportJob& job) { return dropped.contains(job.id); });
+  // Jobs and items keep their text from the last save until they change,
+  // so a save of a long job costs a copy, not an encoding of every item.
+  std::string text = "{\n\"schemaVersion\": " + std::to_string(kSchemaVersion) + ",\n\"jobs\": [";
+  std::unordered_map<std::string, std::string> encoded;
+  const auto textOf = [&](const std::string& key, const auto& encode) -> const std::string& {
+    std::string& slot = encoded[key];
+    if (const auto cached = m_encoded.find(key); cached != m_encoded.end())
+      slot = std::move(cached->second);
+    else
+      slot = encode();
+    return slot;
+  };
+  for (size_t i = 0; i < m_jobs.size(); ++i) {
+    const PersistedExportJob& job = m_jobs[i];
+    std::string header = textOf("job " + job.id, [&] { return encodeJob(job).dump(); });
+    header.pop_back();  // the closing brace: the items follow
+    text += (i ? ",\n" : "\n") + header + ",\"items\":[";
+    for (size_t k = 0; k < job.items.size(); ++k)
+      text += (k ? ",\n" : "\n") + textOf(job.items[k].id, [&] { return encodeItem(job.items[k]).dump(); });
+    text += "]}";
+  }
+  text += "\n]\n}\n";
+  m_encoded = std::move(encoded);
   try {
     std::error_code error;
     fs::create_directories(m_directory, error);
-    writeFileAtomically(fileURL(), document.dump(2) + "\n");
+    // Atomic but not synced: a crash of this process never leaves a torn
+    // file, and the ledger, not this file, decides what was published.
+    writeFileAtomically(fileURL(), text, Durability::ordered);
   } catch (const Error& e) {
     throw ExportQueueError::saveFailed(e.description());
   }
@@ -294,7 +311,10 @@ PersistedExportItem* ExportQueueStore::mutableItem(const std::string& jobID, con
   for (auto& job : m_jobs)
     if (job.id == jobID)
       for (auto& item : job.items)
-        if (item.id == itemID) return &item;
+        if (item.id == itemID) {
+          m_encoded.erase(itemID);
+          return &item;
+        }
   return nullptr;
 }
 
@@ -315,6 +335,7 @@ void ExportQueueStore::recordIntendedOutput(const std::string& jobID, const std:
                                             const std::string& operationID) {
   PersistedExportItem* item = mutableItem(jobID, itemID);
   if (!item) return;
+  item->state = ExportQueueItemState::running;
   item->intendedOutputPath = path;
   item->plannedWidth = width;
   item->plannedHeight = height;
@@ -356,6 +377,7 @@ bool ExportQueueStore::retry(const std::string& itemID) {
     for (auto& item : job.items)
       if (item.id == itemID && (item.state == ExportQueueItemState::failed ||
                                 item.state == ExportQueueItemState::stopped)) {
+        m_encoded.erase(item.id);
         item.state = ExportQueueItemState::pending;
         item.errorText.reset();
         save();
@@ -439,6 +461,7 @@ RecoveryReport ExportQueueStore::recoverInterruptedWork(const ExportOperationLed
   for (auto& job : m_jobs)
     for (auto& item : job.items)
       if (item.state == ExportQueueItemState::running) {
+        m_encoded.erase(item.id);
         item.state = ExportQueueItemState::pending;
         item.operationID.reset();
         ++report.toRunAgain;

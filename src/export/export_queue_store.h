@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
+#include <unordered_map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -80,8 +82,11 @@ struct RecoveryReport {
 class ExportQueueStore {
  public:
   static constexpr int kSchemaVersion = 1;
-  // Finished jobs kept for the history; older ones are dropped on save.
-  static constexpr size_t kFinishedJobsKept = 100;
+  // Finished jobs kept for the history (and at most this many of their
+  // items); older ones are dropped on save, since every change rewrites
+  // the whole file.
+  static constexpr size_t kFinishedJobsKept = 50;
+  static constexpr size_t kFinishedItemsKept = 2000;
 
   // Loads the queue file of `stateDirectory` (created when missing).
   explicit ExportQueueStore(std::filesystem::path stateDirectory);
@@ -102,7 +107,8 @@ class ExportQueueStore {
   void mark(const std::string& jobID, const std::string& itemID, ExportQueueItemState state,
             std::optional<std::string> output = std::nullopt,
             std::optional<std::string> error = std::nullopt);
-  // Reserves the output path (and the ledger record) before any file is written.
+  // Reserves the output path (and the ledger record) before any file is
+  // written; the item is "running" from here.
   void recordIntendedOutput(const std::string& jobID, const std::string& itemID,
                             const std::string& path, int64_t width, int64_t height,
                             const std::string& operationID);
@@ -137,6 +143,8 @@ class ExportQueueStore {
 
   std::filesystem::path m_directory;
   std::vector<PersistedExportJob> m_jobs;
+  // JSON text as last saved, by item id and by "job " + job id.
+  std::unordered_map<std::string, std::string> m_encoded;
   std::optional<ExportQueueLoadFailure> m_loadFailure;
   std::optional<std::filesystem::path> m_quarantinedAt;
   bool m_quarantineFailed = false;

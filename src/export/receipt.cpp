@@ -450,7 +450,8 @@ ReceiptPairPublication ReceiptPairPublication::prepare(
     // A lossy path here would point recovery at the wrong files.
     throw ReceiptError("the output's path is not valid UTF-8");
   }
-  writeFileAtomically(journal, recordText);
+  // Bookkeeping: atomic for a crash; the pair's own files are synced.
+  writeFileAtomically(journal, recordText, Durability::ordered);
   publication.m_journal = journal;
 
   try {
@@ -477,7 +478,8 @@ void ReceiptPairPublication::publish(bool replacing) {
       throw FileError(m_receipt, "write", errno);
     m_receiptPlaced = true;
     m_stagedReceiptWritten = false;
-    syncFolder(folderOf(m_receipt));
+    // Beside the output, one sync of the folder below covers both moves.
+    if (folderOf(m_receipt) != folderOf(m_output)) syncFolder(folderOf(m_receipt));
 
     m_outputExisted = entryExists(m_output);
     if (m_outputExisted) m_previousOutputKept = keepLink(m_output, m_previousOutput);

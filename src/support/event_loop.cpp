@@ -84,4 +84,36 @@ void EventLoop::quit() {
   m_wake.notify_all();
 }
 
+SerialWorker::SerialWorker() {
+  m_thread = std::thread([this] {
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+      m_wake.wait(lock, [&] { return m_stopping || !m_tasks.empty(); });
+      if (m_tasks.empty()) return;
+      auto task = std::move(m_tasks.front());
+      m_tasks.pop_front();
+      lock.unlock();
+      task();
+      lock.lock();
+    }
+  });
+}
+
+SerialWorker::~SerialWorker() {
+  {
+    std::lock_guard lock(m_mutex);
+    m_stopping = true;
+  }
+  m_wake.notify_one();
+  m_thread.join();
+}
+
+void SerialWorker::post(std::function<void()> task) {
+  {
+    std::lock_guard lock(m_mutex);
+    m_tasks.push_back(std::move(task));
+  }
+  m_wake.notify_one();
+}
+
 }  // namespace tarnbloom

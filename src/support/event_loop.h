@@ -45,4 +45,25 @@ class EventLoop {
   std::thread::id m_thread;
 };
 
+// One long-lived thread that runs posted tasks in order. Keeping the same
+// thread matters: OpenMP keeps a team of threads per calling thread, so a
+// fresh thread per task would build a new team for every render.
+class SerialWorker {
+ public:
+  SerialWorker();
+  // Runs the tasks already posted, then joins.
+  ~SerialWorker();
+  SerialWorker(const SerialWorker&) = delete;
+  SerialWorker& operator=(const SerialWorker&) = delete;
+
+  void post(std::function<void()> task);
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_wake;
+  std::deque<std::function<void()>> m_tasks;
+  bool m_stopping = false;
+  std::thread m_thread;
+};
+
 }  // namespace tarnbloom

@@ -122,9 +122,9 @@ void AtomicFileWriter::write(std::string_view text) {
   write(std::as_bytes(std::span(text.data(), text.size())));
 }
 
-void AtomicFileWriter::commit() {
+void AtomicFileWriter::commit(Durability durability) {
   if (m_fd < 0) throw FileError(m_target, "write", EBADF);
-  if (::fsync(m_fd) != 0) throw FileError(m_target, "write", errno);
+  if (durability == Durability::durable && ::fsync(m_fd) != 0) throw FileError(m_target, "write", errno);
   const int fd = m_fd;
   m_fd = -1;
   if (::close(fd) != 0) {
@@ -138,7 +138,7 @@ void AtomicFileWriter::commit() {
     throw FileError(m_target, "write", error);
   }
   m_temporary.clear();
-  syncFolder(m_target.has_parent_path() ? m_target.parent_path() : ".");
+  if (durability == Durability::durable) syncFolder(m_target.has_parent_path() ? m_target.parent_path() : ".");
 }
 
 bool AtomicFileWriter::commitWithoutReplacing() {
@@ -176,14 +176,15 @@ void AtomicFileWriter::cancel() {
   }
 }
 
-void writeFileAtomically(const std::filesystem::path& path, std::span<const std::byte> bytes) {
+void writeFileAtomically(const std::filesystem::path& path, std::span<const std::byte> bytes,
+                         Durability durability) {
   AtomicFileWriter writer(path);
   writer.write(bytes);
-  writer.commit();
+  writer.commit(durability);
 }
 
-void writeFileAtomically(const std::filesystem::path& path, std::string_view text) {
-  writeFileAtomically(path, std::as_bytes(std::span(text.data(), text.size())));
+void writeFileAtomically(const std::filesystem::path& path, std::string_view text, Durability durability) {
+  writeFileAtomically(path, std::as_bytes(std::span(text.data(), text.size())), durability);
 }
 
 void syncFolder(const std::filesystem::path& folder) {

@@ -44,6 +44,11 @@ class MappedFile {
   size_t m_size = 0;
 };
 
+// How far a commit goes: `durable` syncs the file and its folder so the
+// new content survives a power cut; `ordered` only renames, which is
+// atomic for every other process and survives a crash of this one.
+enum class Durability { durable, ordered };
+
 // Writes a file so that readers see either the old content or the new, never
 // a mixture: a temporary file in the same folder, fsync, rename over the
 // target, fsync of the folder. Destroying the writer without commit() removes
@@ -57,7 +62,8 @@ class AtomicFileWriter {
 
   void write(std::span<const std::byte> bytes);
   void write(std::string_view text);
-  void commit();
+  void commit(Durability durability);
+  void commit() { commit(Durability::durable); }
   // Publishes only if nothing exists at the target yet; false (and the
   // temporary file kept for another try) when something does.
   bool commitWithoutReplacing();
@@ -73,8 +79,10 @@ class AtomicFileWriter {
   int m_fd = -1;
 };
 
-void writeFileAtomically(const std::filesystem::path& path, std::span<const std::byte> bytes);
-void writeFileAtomically(const std::filesystem::path& path, std::string_view text);
+void writeFileAtomically(const std::filesystem::path& path, std::span<const std::byte> bytes,
+                         Durability durability = Durability::durable);
+void writeFileAtomically(const std::filesystem::path& path, std::string_view text,
+                         Durability durability = Durability::durable);
 
 // fsync of a folder, so that a rename or a new entry in it survives a crash.
 void syncFolder(const std::filesystem::path& folder);

@@ -112,7 +112,8 @@ void expectSettled(const std::vector<fs::path>& sources, const fs::path& out, co
     EXPECT_FALSE(file.extension() == ".tmp" || file.string().find("corrupt") != std::string::npos ||
                  file.parent_path().filename() == "ReceiptPublications")
         << when << ": " << file;
-  for (const auto& job : readJson(home / "export-queue.json")["jobs"])
+  const auto queue = readJson(home / "export-queue.json");
+  for (const auto& job : queue["jobs"])
     for (const auto& item : job["items"]) EXPECT_EQ(item["state"], "completed") << when;
 }
 
