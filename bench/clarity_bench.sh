@@ -15,6 +15,8 @@ cli=${TARNBLOOM_CLI:-$here/build/cli/tarnbloom}
 input=${BENCH_INPUT:-$here/bench/data/retina.jpg}
 runs=${1:-3}
 work=$(mktemp -d)
+# Receipts and the export queue go to a scratch state folder.
+export TARNBLOOM_HOME="$work/home"
 trap 'rm -rf "$work"' EXIT
 
 command -v /usr/bin/time >/dev/null || { echo "missing /usr/bin/time: run scripts/setup" >&2; exit 1; }

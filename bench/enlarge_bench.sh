@@ -13,6 +13,8 @@ cli=$here/build/cli/tarnbloom
 input=${BENCH_INPUT:-$here/bench/data/retina.jpg}
 runs=${1:-3}
 work=$(mktemp -d)
+# Receipts and the export queue go to a scratch state folder.
+export TARNBLOOM_HOME="$work/home"
 trap 'rm -rf "$work"' EXIT
 
 for tool in vips convert /usr/bin/time; do

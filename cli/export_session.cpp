@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstdio>
 #include <iostream>
 
@@ -124,6 +125,14 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
         else if (result.jpegQuality && job.options.jpeg.maxBytes)
           std::cout << " — JPEG quality " << *result.jpegQuality;
         std::cout << '\n';
+        // Where the time went, for benchmarks and the curious.
+        if (std::getenv("TARNBLOOM_TIMINGS")) {
+          std::cerr << "timings:";
+          for (const char* stage : {"load", "linearise", "render", "encode"})
+            if (const auto found = result.timings.find(stage); found != result.timings.end())
+              std::cerr << "  " << stage << ' ' << std::to_string(found->second).substr(0, 5) << " s";
+          std::cerr << '\n';
+        }
         break;
       }
       case Result::Kind::failed: std::cout << name << ": " << result.errorText << '\n'; break;

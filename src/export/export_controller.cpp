@@ -690,6 +690,7 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
   result.width = run.size.width;
   result.height = run.size.height;
   result.format = run.format;
+  result.timings = run.timings;
   if (run.encoded.jpegReport) {
     result.floorHit = run.encoded.jpegReport->floorHit;
     result.jpegQuality = run.encoded.jpegReport->qualityUsed;

@@ -7,6 +7,7 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -56,6 +57,8 @@ struct Result {
   std::optional<encoding::ExportFormat> format;
   ResampleMethod method = ResampleMethod::exact;
   std::optional<int> jpegQuality;  // the quality a JPEG was written at
+  // Seconds per compute stage ("load", "linearise", "render", "encode").
+  std::map<std::string, double> timings;
 };
 
 struct JobReport {
