@@ -37,30 +37,6 @@ std::string errorText(const Error& error) {
   return text;
 }
 
-// The staging file: created new, written whole and synced, so a file that
-// exists under its name after a crash is never mistaken for a result.
-void writeStagedFile(const fs::path& path, std::span<const uint8_t> bytes) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) throw FileError(path, "write", errno);
-  size_t done = 0;
-  int error = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      error = errno;
-      break;
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (error == 0 && ::fsync(fd) != 0) error = errno;
-  if (::close(fd) != 0 && error == 0) error = errno;
-  if (error != 0) {
-    ::unlink(path.c_str());
-    throw FileError(path, "write", error);
-  }
-}
-
 bool pathTaken(const fs::path& path) {
   std::error_code error;
   return fs::exists(fs::symlink_status(path, error));
@@ -93,6 +69,32 @@ class WriteFailure : public Error {
 
 // Thrown between steps when a stop was asked for.
 struct StopRequested {};
+// Thrown when the job was halted while this item waited.
+struct Halted {};
+
+// Runs one stage of an item. An exception ends the item: a simulated crash
+// marks it interrupted, a stop or halt stopped, anything else failed with
+// its message. True when the stage ran through.
+template <typename Run, typename Stage>
+bool runStage(Run& run, Stage&& stage) {
+  try {
+    stage();
+    return true;
+  } catch (const ExportInterrupted&) {
+    run.interrupted = true;
+  } catch (const Halted&) {
+    run.result.kind = Result::Kind::stopped;
+  } catch (const StopRequested&) {
+    run.result.kind = Result::Kind::stopped;
+  } catch (const Error& error) {
+    run.result.kind = Result::Kind::failed;
+    run.result.errorText = errorText(error);
+  } catch (const std::exception& error) {
+    run.result.kind = Result::Kind::failed;
+    run.result.errorText = std::string("The export failed. ") + error.what();
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -142,13 +144,15 @@ struct ExportController::ItemRun {
   std::map<std::string, double> timings;
 };
 
-// Thrown on the worker when the job was halted meanwhile.
-struct Halted {};
-
 ExportController::ExportController(EventLoop& loop, ExportQueueStore& queue,
                                    ExportOperationLedger& ledger, ExportDependencies dependencies)
     : m_loop(loop), m_queue(queue), m_ledger(ledger), m_dependencies(std::move(dependencies)) {
-  if (!m_dependencies.writeStaged) m_dependencies.writeStaged = writeStagedFile;
+  // A staging file is created new, written whole and synced, so a file
+  // under its name after a crash is never mistaken for a result.
+  if (!m_dependencies.writeStaged)
+    m_dependencies.writeStaged = [](const fs::path& path, std::span<const uint8_t> bytes) {
+      writeNewFile(path, std::as_bytes(bytes));
+    };
 }
 
 ExportController::~ExportController() = default;
@@ -340,23 +344,7 @@ void ExportController::renderStage(const Job& job, const JobItem& item, ItemRun&
   m_loop.post([this, &job, index = run.index] {
     if (m_observer.itemStarted) m_observer.itemStarted(job, index, job.items.size());
   });
-  try {
-    runRender(job, item, run);
-    return;
-  } catch (const ExportInterrupted&) {
-    run.interrupted = true;
-  } catch (const Halted&) {
-    run.result.kind = Result::Kind::stopped;
-  } catch (const StopRequested&) {
-    run.result.kind = Result::Kind::stopped;
-  } catch (const Error& error) {
-    run.result.kind = Result::Kind::failed;
-    run.result.errorText = errorText(error);
-  } catch (const std::exception& error) {
-    run.result.kind = Result::Kind::failed;
-    run.result.errorText = std::string("The export failed. ") + error.what();
-  }
-  run.ended = true;
+  if (!runStage(run, [&] { runRender(job, item, run); })) run.ended = true;
 }
 
 void ExportController::publishStage(const Job& job, const JobItem& item, ItemRun& run) {
@@ -366,23 +354,14 @@ void ExportController::publishStage(const Job& job, const JobItem& item, ItemRun
   }
   std::optional<std::string> halt;
   if (!run.ended && !run.interrupted) {
-    try {
+    const bool ranThrough = runStage(run, [&] {
       if (m_halted) throw Halted{};
       runPublish(job, item, run);
-    } catch (const ExportInterrupted&) {
-      run.interrupted = true;
-    } catch (const Halted&) {
-      run.result.kind = Result::Kind::stopped;
-    } catch (const StopRequested&) {
-      run.result.kind = Result::Kind::stopped;
-    } catch (const Error& error) {
-      run.result.kind = Result::Kind::failed;
-      run.result.errorText = errorText(error);
-      if (run.published) halt = run.result.errorText;
-    } catch (const std::exception& error) {
-      run.result.kind = Result::Kind::failed;
-      run.result.errorText = std::string("The export failed. ") + error.what();
-      if (run.published) halt = run.result.errorText;
+    });
+    // Failing after the file was published leaves it standing unrecorded.
+    if (!ranThrough && run.published && !run.interrupted) {
+      halt = run.result.errorText;
+      run.result.kind = Result::Kind::exported;
     }
   }
   if (run.interrupted) {

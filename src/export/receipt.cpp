@@ -32,25 +32,6 @@ constexpr std::string_view kTimingScope =
     "Compute stages plus separate human inspection time when applicable; excludes save panels, "
     "receipt IO and publication.";
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : m_fd(fd) {}
-  ~FileDescriptor() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return m_fd; }
-  // Closes now so that a failing close (NFS reports write errors there) is seen.
-  int close() {
-    const int fd = m_fd;
-    m_fd = -1;
-    return ::close(fd);
-  }
-
- private:
-  int m_fd;
-};
 
 bool isDigest(std::string_view text) {
   if (text.size() != 64) return false;
@@ -91,29 +72,6 @@ fs::path folderOf(const fs::path& path) {
 
 // Creates `path`, never opening a file that is already there; a file it
 // created but could not finish is removed again.
-void writeNewFile(const fs::path& path, std::string_view text) {
-  FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-  if (fd.get() < 0) throw FileError(path, "write", errno);
-  auto fail = [&](int error) {
-    if (fd.get() >= 0) fd.close();
-    ::unlink(path.c_str());
-    throw FileError(path, "write", error);
-  };
-  const char* data = text.data();
-  size_t left = text.size();
-  while (left > 0) {
-    const ssize_t written = ::write(fd.get(), data, left);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      fail(errno);
-    }
-    data += written;
-    left -= static_cast<size_t>(written);
-  }
-  if (::fsync(fd.get()) != 0) fail(errno);
-  if (fd.close() != 0) fail(errno);
-}
-
 // Moves the staged output into place. Without replacing, a name that gets
 // taken between the early check and here is still refused.
 void moveOutput(const fs::path& staged, const fs::path& output, bool replacing) {
@@ -455,7 +413,7 @@ ReceiptPairPublication ReceiptPairPublication::prepare(
   publication.m_journal = journal;
 
   try {
-    writeNewFile(publication.m_stagedReceipt, text);
+    writeNewFile(publication.m_stagedReceipt, std::as_bytes(std::span(text.data(), text.size())));
     publication.m_stagedReceiptWritten = true;
   } catch (...) {
     // The staged output is the caller's: it was there before prepare().

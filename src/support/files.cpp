@@ -14,20 +14,6 @@
 namespace tarnbloom {
 namespace {
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : m_fd(fd) {}
-  ~FileDescriptor() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
-
 void writeAll(int fd, const std::byte* data, size_t size, const std::filesystem::path& path) {
   while (size > 0) {
     const ssize_t written = ::write(fd, data, size);
@@ -173,6 +159,20 @@ void AtomicFileWriter::cancel() {
   if (!m_temporary.empty()) {
     ::unlink(m_temporary.c_str());
     m_temporary.clear();
+  }
+}
+
+void writeNewFile(const std::filesystem::path& path, std::span<const std::byte> bytes) {
+  FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (fd.get() < 0) throw FileError(path, "write", errno);
+  try {
+    writeAll(fd.get(), bytes.data(), bytes.size(), path);
+    if (::fsync(fd.get()) != 0) throw FileError(path, "write", errno);
+    if (fd.close() != 0) throw FileError(path, "write", errno);
+  } catch (...) {
+    fd.close();
+    ::unlink(path.c_str());
+    throw;
   }
 }
 

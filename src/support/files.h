@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <unistd.h>
+
 #include <filesystem>
 #include <span>
 #include <string>
@@ -22,6 +24,28 @@ class FileError : public Error {
   std::filesystem::path m_path;
   std::string m_action;
   int m_errno;
+};
+
+// An open file descriptor, closed when it goes.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : m_fd(fd) {}
+  ~FileDescriptor() {
+    if (m_fd >= 0) ::close(m_fd);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return m_fd; }
+  // Closes now, so that a failing close (NFS reports write errors there)
+  // is seen; returns close()'s result.
+  int close() {
+    const int fd = m_fd;
+    m_fd = -1;
+    return fd >= 0 ? ::close(fd) : 0;
+  }
+
+ private:
+  int m_fd;
 };
 
 // Reads a whole regular file. Refuses more than maxBytes (ENOSPC-free guard
@@ -78,6 +102,11 @@ class AtomicFileWriter {
   std::filesystem::path m_temporary;
   int m_fd = -1;
 };
+
+// Creates `path`, which must not exist yet, writes all of `bytes` and syncs
+// it. On any failure the file is removed and FileError thrown, so a file
+// under this name is always whole.
+void writeNewFile(const std::filesystem::path& path, std::span<const std::byte> bytes);
 
 void writeFileAtomically(const std::filesystem::path& path, std::span<const std::byte> bytes,
                          Durability durability = Durability::durable);

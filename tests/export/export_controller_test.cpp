@@ -52,6 +52,16 @@ struct ControllerFixture : ::testing::Test {
     controller = std::make_unique<ExportController>(loop, *queue, *ledger, std::move(dependencies));
   }
 
+  void submit(const fs::path& folder) {
+    Submission submission;
+    submission.urls = {source};
+    submission.destinations = {folder};
+    submission.options.method = ResampleMethod::exact;
+    submission.options.sizeMode = SizeMode::x2;
+    submission.receiptsBesideExports = true;
+    controller->submit(std::move(submission));
+  }
+
   JobReport exportSource(const fs::path& folder) {
     JobReport report;
     ExportObserver observer;
@@ -60,13 +70,7 @@ struct ControllerFixture : ::testing::Test {
       loop.quit();
     };
     controller->setObserver(observer);
-    Submission submission;
-    submission.urls = {source};
-    submission.destinations = {folder};
-    submission.options.method = ResampleMethod::exact;
-    submission.options.sizeMode = SizeMode::x2;
-    submission.receiptsBesideExports = true;
-    controller->submit(std::move(submission));
+    submit(folder);
     loop.run();
     return report;
   }
@@ -129,15 +133,7 @@ TEST_F(ControllerFixture, ACrashAfterPublicationIsCountedDoneAtTheNextLaunch) {
   ExportDependencies dependencies;
   dependencies.hooks.afterPublished = [] { throw ExportInterrupted{}; };
   start(std::move(dependencies));
-  ExportObserver observer;
-  controller->setObserver(observer);
-  Submission submission;
-  submission.urls = {source};
-  submission.destinations = {out};
-  submission.options.sizeMode = SizeMode::x2;
-  submission.options.method = ResampleMethod::exact;
-  submission.receiptsBesideExports = true;
-  controller->submit(std::move(submission));
+  submit(out);
   // The interrupted job never reports; the controller just goes idle.
   std::function<void()> poll = [&] {
     if (controller->idle()) return loop.quit();
