@@ -317,6 +317,12 @@ int runEnlarge(const std::vector<std::string>& arguments) {
   for (size_t i = 0; i < files.size(); ++i) {
     const fs::path file = fs::absolute(files[i]).lexically_normal();
     const fs::path folder = options.out.empty() ? file.parent_path() : fs::absolute(options.out);
+    std::error_code missing;
+    if (!fs::exists(file, missing)) {
+      std::cout << file.filename().string() << ": “" << file.string() << "” doesn’t exist.\n";
+      ++failed;
+      continue;
+    }
     std::optional<fs::path> assigned;
     std::optional<std::pair<int64_t, int64_t>> size;
     const SourceProbe probe = SourceProbe::probe(file);

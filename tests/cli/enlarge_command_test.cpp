@@ -27,3 +27,62 @@ TEST(EnlargeCommand, EnhanceWithoutAModelSaysWhatIsMissingAndWritesNothing) {
 
 }  // namespace
 }  // namespace tarnbloom
+
+namespace tarnbloom {
+namespace {
+
+namespace fs = std::filesystem;
+
+int enlarge(const fs::path& home, const std::string& arguments, std::string* output = nullptr) {
+  return testing::runCommand("TARNBLOOM_HOME='" + home.string() + "' " + TARNBLOOM_CLI +
+                                 " enlarge --size x2 --receipts beside " + arguments + " 2>/dev/null",
+                             output);
+}
+
+TEST(EnlargeCommand, TakenNamesAreNumberedSkippedOrReplacedAsAsked) {
+  testing::TempDir dir;
+  const fs::path in = dir / "in";
+  fs::create_directories(in);
+  fs::copy_file(testing::samplePath("chelsea.png"), in / "cat.png");
+  const std::string out = " --out '" + (dir / "out").string() + "' '" + in.string() + "'";
+  const fs::path first = dir / "out" / "cat_902x600.png";
+  ASSERT_EQ(enlarge(dir / "home", out), 0);
+  const auto original = testing::readBytes(first);
+
+  std::string said;
+  EXPECT_EQ(enlarge(dir / "home", "--if-exists skip" + out, &said), 0);
+  EXPECT_NE(said.find("skipped. “cat_902x600.png” already exists."), std::string::npos) << said;
+  EXPECT_EQ(enlarge(dir / "home", out), 0);
+  EXPECT_TRUE(fs::exists(dir / "out" / "cat_902x600 2.png"));
+  EXPECT_TRUE(fs::exists(dir / "out" / "cat_902x600 2.png.tarnbloomreceipt"));
+
+  // Replacing: a different size of output under the same name, so the
+  // bytes and the receipt must both be the new ones.
+  EXPECT_EQ(enlarge(dir / "home", "--if-exists overwrite --name cat_902x600 --format jpeg" + out), 0);
+  EXPECT_TRUE(fs::exists(dir / "out" / "cat_902x600.jpg"));
+  EXPECT_EQ(enlarge(dir / "home", "--if-exists overwrite --method clarity" + out), 0);
+  EXPECT_NE(testing::readBytes(first), original);
+  std::string receipt;
+  testing::runCommand("cat '" + first.string() + ".tarnbloomreceipt'", &receipt);
+  EXPECT_NE(receipt.find("\"clarity\""), std::string::npos);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()), 6);
+}
+
+TEST(EnlargeCommand, ReportsEachBadFileAndExportsTheRest) {
+  testing::TempDir dir;
+  testing::writeText(dir / "bad.png", "not an image");
+  std::string said;
+  EXPECT_EQ(enlarge(dir / "home",
+                    "--out '" + (dir / "out").string() + "' '" + (dir / "missing.png").string() + "' '" +
+                        (dir / "bad.png").string() + "' '" + testing::samplePath("rocket.jpg").string() + "'",
+                    &said),
+            2);
+  EXPECT_NE(said.find("missing.png: “" + (dir / "missing.png").string() + "” doesn’t exist."),
+            std::string::npos) << said;
+  EXPECT_NE(said.find("“bad.png” couldn’t be read as an image."), std::string::npos) << said;
+  EXPECT_TRUE(fs::exists(dir / "out" / "rocket_1280x854.jpg"));
+  EXPECT_EQ(enlarge(dir / "home", "--out '" + (dir / "out").string() + "' '" + (dir / "bad.png").string() + "'"), 3);
+}
+
+}  // namespace
+}  // namespace tarnbloom
