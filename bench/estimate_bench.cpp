@@ -3,7 +3,10 @@
 // machine's float32 peak measured here by an FMA loop on every core, and
 // how far BF16 lands from float32. Ratios, not absolute times, compare
 // across machines. PyTorch's channels-last figure on the same weights is
-// the peer to beat (python3-torch, 2 threads); it is not run here.
+// the peer to beat (python3-torch, 2 threads): bench/estimate_vs_torch.sh
+// runs both and gives the ratios.
+//
+//   estimate_bench [MODEL.param [--dump DIR]]
 
 #include <immintrin.h>
 #include <omp.h>
@@ -12,6 +15,8 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "bench_support.h"
@@ -84,6 +89,16 @@ int main(int argc, char** argv) {
     }
     std::printf("bf16 against fp32 on a real photo tile: largest %.2f/255, mean %.3f/255 (limit for default use: 2/255)\n",
                 worst, sum / fp32.size());
+  }
+  // For bench/estimate_vs_torch.sh: the tile and our float32 answer.
+  if (argc > 3 && std::string(argv[2]) == "--dump") {
+    const std::filesystem::path dump = argv[3];
+    const auto bytesOf = [](const std::vector<float>& v) {
+      return std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(v.data()),
+                                  reinterpret_cast<const uint8_t*>(v.data() + v.size()));
+    };
+    bench::writeFile(dump / "input.f32", bytesOf(input));
+    bench::writeFile(dump / "fp32.f32", bytesOf(fp32));
   }
   std::printf("peak RSS %.0f MiB\n", bench::peakRssMiB());
   return 0;
