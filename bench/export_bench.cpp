@@ -50,7 +50,8 @@ double direct(const std::vector<fs::path>& sources, const fs::path& out) {
   return bench::secondsSince(start);
 }
 
-double throughController(const std::vector<fs::path>& sources, const fs::path& out, const fs::path& state) {
+double throughController(const std::vector<fs::path>& sources, const fs::path& out,
+                         const fs::path& state) {
   const auto start = std::chrono::steady_clock::now();
   EventLoop loop;
   ExportQueueStore queue(state);
@@ -102,13 +103,16 @@ int main(int argc, char** argv) {
     fs::create_directories(out / "direct");
     fs::create_directories(out / "queued");
     plain.push_back(direct(sources, out / "direct"));
-    pipeline.push_back(throughController(sources, out / "queued", work / ("state" + std::to_string(round))));
-    std::printf("round %d: direct %.3f s, through the export controller %.3f s\n", round, plain.back(),
-                pipeline.back());
+    pipeline.push_back(
+        throughController(sources, out / "queued", work / ("state" + std::to_string(round))));
+    std::printf("round %d: direct %.3f s, through the export controller %.3f s\n", round,
+                plain.back(), pipeline.back());
   }
   const double ratio = median(pipeline) / median(plain);
-  std::printf("%d photos 2x: direct %.3f s, controller %.3f s (median of 5): overhead %.1f%% (goal <= 5%%)\n",
-              kPhotos, median(plain), median(pipeline), (ratio - 1) * 100);
+  std::printf(
+      "%d photos 2x: direct %.3f s, controller %.3f s (median of 5): overhead %.1f%% (goal <= "
+      "5%%)\n",
+      kPhotos, median(plain), median(pipeline), (ratio - 1) * 100);
   fs::remove_all(work);
   return 0;
 }

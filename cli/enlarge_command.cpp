@@ -8,14 +8,15 @@
 
 #include "cli/exit_codes.h"
 #include "cli/export_session.h"
-#include "engine/dimension_resolver.h"
-#include "engine/resample_engine.h"
-#include "engine/source_probe.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "encoding/naming_engine.h"
+#include "engine/dimension_resolver.h"
+#include "engine/resample_engine.h"
+#include "engine/source_probe.h"
 #include "export/export_options.h"
 #include "support/files.h"
+#include "support/utf8.h"
 
 namespace tarnbloom::cli {
 namespace {
@@ -31,7 +32,8 @@ constexpr const char* kUsage =
     "  --name TEMPLATE      naming template -- tokens: {source} {sku} {w} {h} {method} "
     "{format} {scale} {date} {index} {n}\n"
     "  --if-exists number|skip|overwrite   when the name is taken (default number: \"name 2\")\n"
-    "  --receipts beside|store   receipt next to each export, or in the receipts folder (default store)\n"
+    "  --receipts beside|store   receipt next to each export, or in the receipts folder (default "
+    "store)\n"
     "  --recursive          also enlarge the images in folders inside FOLDER\n"
     "  --format same|png|jpeg|tiff|webp|avif|heic   (default: same as source)\n"
     "  --quality N          lossy quality 1...100 (JPEG 95, WebP 85, HEIC/AVIF 90)\n"
@@ -130,7 +132,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       } else {
         const auto format = encoding::exportFormatFromRawValue(f);
         if (!format)
-          throw UsageError("Unknown format “" + f + "”; use same, png, jpeg, tiff, webp, avif or heic.");
+          throw UsageError("Unknown format “" + f +
+                           "”; use same, png, jpeg, tiff, webp, avif or heic.");
         if (!encoding::isWritable(*format))
           throw UsageError(std::string(encoding::title(*format)) +
                            " can’t be written on this computer: no encoder for it is installed.");
@@ -139,11 +142,13 @@ Options parseOptions(const std::vector<std::string>& arguments) {
     } else if (a == "--strength") {
       const double strength = parseNumber(next(), "strength");
       if (!(strength >= 0.1 && strength <= 1.0))
-        throw UsageError("Strength must be a number from 0.1 to 1.0 (how much of the AI estimate to keep).");
+        throw UsageError(
+            "Strength must be a number from 0.1 to 1.0 (how much of the AI estimate to keep).");
       options.strength = strength;
     } else if (a == "--quality") {
       const double q = parseNumber(next(), "quality");
-      if (q < 1 || q > 100 || q != std::floor(q)) throw UsageError("Quality must be a whole number from 1 to 100.");
+      if (q < 1 || q > 100 || q != std::floor(q))
+        throw UsageError("Quality must be a whole number from 1 to 100.");
       options.quality = static_cast<int>(q);
     } else if (a == "--max-kb") {
       const double kb = parseNumber(next(), "--max-kb");
@@ -159,8 +164,10 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       const std::string& v = next();
       const auto toggle = encoding::metadataToggleFromRawValue(v);
       if (!toggle) throw UsageError(a + " takes keep or strip, not “" + v + "”.");
-      (a == "--icc" ? options.policy.icc : a == "--exif" ? options.policy.exif
-                    : a == "--xmp" ? options.policy.xmp : options.policy.gps) = *toggle;
+      (a == "--icc"    ? options.policy.icc
+       : a == "--exif" ? options.policy.exif
+       : a == "--xmp"  ? options.policy.xmp
+                       : options.policy.gps) = *toggle;
     } else if (a == "--flatten") {
       try {
         options.policy.flatten = encoding::ColourPolicy::canonicalFlattenColour(next());
@@ -179,10 +186,14 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.nameTemplate = templ;
     } else if (a == "--if-exists") {
       const std::string& v = next();
-      if (v == "number") options.ifExists = IfExists::number;
-      else if (v == "skip") options.ifExists = IfExists::skip;
-      else if (v == "overwrite") options.ifExists = IfExists::overwrite;
-      else throw UsageError("--if-exists takes number, skip or overwrite, not “" + v + "”.");
+      if (v == "number")
+        options.ifExists = IfExists::number;
+      else if (v == "skip")
+        options.ifExists = IfExists::skip;
+      else if (v == "overwrite")
+        options.ifExists = IfExists::overwrite;
+      else
+        throw UsageError("--if-exists takes number, skip or overwrite, not “" + v + "”.");
     } else if (a == "--receipts") {
       const std::string& v = next();
       if (v != "beside" && v != "store")
@@ -201,7 +212,6 @@ Options parseOptions(const std::vector<std::string>& arguments) {
   if (options.files.empty()) throw UsageError("Name at least one file or folder to enlarge.");
   return options;
 }
-
 
 exporting::ExportOptions exportOptions(const Options& options) {
   exporting::ExportOptions result;
@@ -225,8 +235,9 @@ exporting::ExportOptions exportOptions(const Options& options) {
 
 bool isStillImageName(const fs::path& path) {
   static const std::set<std::string> extensions = {
-      "png", "jpg", "jpeg", "jpe", "tif", "tiff", "heic", "heif", "hif", "avif", "webp",
-      "dng", "cr2", "cr3", "nef", "nrw", "arw", "raf", "orf", "rw2", "pef", "srw", "x3f", "3fr", "iiq"};
+      "png",  "jpg",  "jpeg", "jpe", "tif", "tiff", "heic", "heif", "hif",
+      "avif", "webp", "dng",  "cr2", "cr3", "nef",  "nrw",  "arw",  "raf",
+      "orf",  "rw2",  "pef",  "srw", "x3f", "3fr",  "iiq"};
   std::string extension = path.extension().string();
   if (extension.size() < 2) return false;
   extension.erase(0, 1);
@@ -252,23 +263,27 @@ std::vector<fs::path> expandInputs(const Options& options) {
       if (entry.is_regular_file(e) && isStillImageName(entry.path())) found.push_back(entry.path());
     };
     if (options.recursive) {
-      fs::recursive_directory_iterator it(argument, fs::directory_options::skip_permission_denied, error);
+      fs::recursive_directory_iterator it(argument, fs::directory_options::skip_permission_denied,
+                                          error);
       for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
         const bool hidden = it->path().filename().string().starts_with(".");
         if (it->is_directory(error)) {
-          if (hidden || (!out.empty() && fs::weakly_canonical(it->path()) == out)) it.disable_recursion_pending();
+          if (hidden || (!out.empty() && fs::weakly_canonical(it->path()) == out))
+            it.disable_recursion_pending();
           continue;
         }
         if (!hidden) consider(*it);
       }
     } else {
-      for (fs::directory_iterator it(argument, error), end; !error && it != end; it.increment(error))
+      for (fs::directory_iterator it(argument, error), end; !error && it != end;
+           it.increment(error))
         consider(*it);
     }
     std::sort(found.begin(), found.end());
     if (found.empty())
       std::cerr << "“" << argument.string() << "” holds no still images"
-                << (options.recursive ? "" : " (add --recursive to look inside its folders)") << ".\n";
+                << (options.recursive ? "" : " (add --recursive to look inside its folders)")
+                << ".\n";
     files.insert(files.end(), found.begin(), found.end());
   }
   return files;
@@ -323,6 +338,13 @@ int runEnlarge(const std::vector<std::string>& arguments) {
       ++failed;
       continue;
     }
+    if (!isValidUtf8(file.string()) || !isValidUtf8(folder.string())) {
+      std::cout << file.filename().string()
+                << ": its path is not valid UTF-8, which the export queue and receipts can’t "
+                   "record. Rename it, then try again. Nothing was written.\n";
+      ++failed;
+      continue;
+    }
     std::optional<fs::path> assigned;
     std::optional<std::pair<int64_t, int64_t>> size;
     const SourceProbe probe = SourceProbe::probe(file);
@@ -354,9 +376,12 @@ int runEnlarge(const std::vector<std::string>& arguments) {
         std::error_code error;
         return fs::exists(fs::symlink_status(path, error));
       };
-      const auto taken = [&](const fs::path& path) { return planned.contains(path) || onDisk(path); };
+      const auto taken = [&](const fs::path& path) {
+        return planned.contains(path) || onDisk(path);
+      };
       try {
-        const fs::path first = encoding::NamingEngine::firstCandidatePath(folder, options.nameTemplate, facts);
+        const fs::path first =
+            encoding::NamingEngine::firstCandidatePath(folder, options.nameTemplate, facts);
         const bool sourceItself = ResampleEngine::isSourceDestination(first, file);
         if (options.ifExists == IfExists::skip && onDisk(first) && !planned.contains(first)) {
           std::cout << file.filename().string() << ": skipped. “" << first.filename().string()

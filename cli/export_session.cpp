@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 #include "cli/exit_codes.h"
@@ -106,7 +106,9 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
   };
   m_progress = std::make_unique<ProgressLine>();
   ExportObserver observer;
-  observer.itemStarted = [this](const Job& job, size_t i, size_t n) { m_progress->start(job, i, n); };
+  observer.itemStarted = [this](const Job& job, size_t i, size_t n) {
+    m_progress->start(job, i, n);
+  };
   observer.itemProgress = [this](double fraction) { m_progress->update(fraction); };
   observer.status = [this](const std::string& status) {
     m_progress->clear();
@@ -130,20 +132,26 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
           std::cerr << "timings:";
           for (const char* stage : {"load", "linearise", "render", "encode"})
             if (const auto found = result.timings.find(stage); found != result.timings.end())
-              std::cerr << "  " << stage << ' ' << std::to_string(found->second).substr(0, 5) << " s";
+              std::cerr << "  " << stage << ' ' << std::to_string(found->second).substr(0, 5)
+                        << " s";
           std::cerr << '\n';
         }
         break;
       }
-      case Result::Kind::failed: std::cout << name << ": " << result.errorText << '\n'; break;
-      case Result::Kind::skipped: std::cout << name << ": skipped. " << result.errorText << '\n'; break;
-      case Result::Kind::stopped: std::cout << name << ": stopped before it was exported.\n"; break;
+      case Result::Kind::failed:
+        std::cout << name << ": " << result.errorText << '\n';
+        break;
+      case Result::Kind::skipped:
+        std::cout << name << ": skipped. " << result.errorText << '\n';
+        break;
+      case Result::Kind::stopped:
+        std::cout << name << ": stopped before it was exported.\n";
+        break;
     }
     std::cout.flush();
   };
-  observer.jobFinished = [this](const Job& job, const JobReport& report, const JobOutcome& outcome) {
-    onJobFinished(job, report, outcome);
-  };
+  observer.jobFinished = [this](const Job& job, const JobReport& report,
+                                const JobOutcome& outcome) { onJobFinished(job, report, outcome); };
   m_controller->setObserver(std::move(observer));
 }
 
@@ -156,7 +164,8 @@ void ExportSession::reportLoadFailure() const {
   const auto& failure = m_queue->loadFailure();
   if (!failure) return;
   std::cerr << failure->description() << ' ' << failure->recoverySuggestion();
-  if (m_queue->quarantinedAt()) std::cerr << " It is now “" << m_queue->quarantinedAt()->string() << "”.";
+  if (m_queue->quarantinedAt())
+    std::cerr << " It is now “" << m_queue->quarantinedAt()->string() << "”.";
   if (m_queue->quarantineFailed())
     std::cerr << " The original file could not be moved aside, so it was left exactly where it is.";
   std::cerr << '\n';
@@ -170,7 +179,8 @@ RecoveryReport ExportSession::recover(bool quiet) {
   return report;
 }
 
-void ExportSession::onJobFinished(const Job& job, const JobReport& report, const JobOutcome& outcome) {
+void ExportSession::onJobFinished(const Job& job, const JobReport& report,
+                                  const JobOutcome& outcome) {
   m_outcome += outcome;
   m_stopped = m_stopped || report.stopped;
   if (report.halt) {
@@ -187,12 +197,16 @@ void ExportSession::onJobFinished(const Job& job, const JobReport& report, const
   if (floorHits == 1)
     std::cout << "1 file reached the minimum JPEG quality without meeting its target file size.\n";
   else if (floorHits > 1)
-    std::cout << floorHits << " files reached the minimum JPEG quality without meeting their target file size.\n";
+    std::cout
+        << floorHits
+        << " files reached the minimum JPEG quality without meeting their target file size.\n";
   if (outcome.exported > 0) {
     if (job.receiptsBesideExports)
-      std::cout << (outcome.exported == 1
-                        ? "A job receipt (source, settings and AI disclosure) was saved alongside it.\n"
-                        : "A job receipt (source, settings and AI disclosure) was saved alongside each export.\n");
+      std::cout
+          << (outcome.exported == 1
+                  ? "A job receipt (source, settings and AI disclosure) was saved alongside it.\n"
+                  : "A job receipt (source, settings and AI disclosure) was saved alongside each "
+                    "export.\n");
     else
       std::cout << (outcome.exported == 1
                         ? "A job receipt (source, settings and AI disclosure) was saved in "

@@ -47,7 +47,8 @@ void list(ExportSession& session) {
     for (const auto& item : job.items) {
       if (item.state == ExportQueueItemState::completed) continue;
       std::cout << "    " << rawValue(item.state) << "  " << item.sourceName;
-      if (const auto path = FileBookmark::recordedPath(item.inputBookmark)) std::cout << "  (" << path->string() << ")";
+      if (const auto path = FileBookmark::recordedPath(item.inputBookmark))
+        std::cout << "  (" << path->string() << ")";
       if (item.errorText) std::cout << "\n      " << *item.errorText;
       std::cout << '\n';
     }
@@ -57,7 +58,8 @@ void list(ExportSession& session) {
 }  // namespace
 
 int runQueue(const std::vector<std::string>& arguments) {
-  if (arguments.size() > 1 || (arguments.size() == 1 && arguments[0] != "resume" && arguments[0] != "retry")) {
+  if (arguments.size() > 1 ||
+      (arguments.size() == 1 && arguments[0] != "resume" && arguments[0] != "retry")) {
     std::cerr << kUsage;
     return kExitUsage;
   }
@@ -97,7 +99,8 @@ int runQueue(const std::vector<std::string>& arguments) {
   } else {
     std::map<std::string, std::vector<std::string>> byJob;
     for (const auto& job : session->queue().jobs())
-      for (const auto* item : session->queue().retryableItems(job)) byJob[job.id].push_back(item->id);
+      for (const auto* item : session->queue().retryableItems(job))
+        byJob[job.id].push_back(item->id);
     for (const auto& [jobID, items] : byJob) {
       try {
         if (!session->controller().retry(items).empty()) session->expectJob();

@@ -5,14 +5,14 @@
 
 #include <cerrno>
 #include <chrono>
-#include <future>
 #include <cstring>
+#include <future>
 #include <set>
 
+#include "encoding/naming_engine.h"
 #include "engine/engine_error.h"
 #include "engine/estimate_engine.h"
 #include "engine/resample_engine.h"
-#include "encoding/naming_engine.h"
 #include "export/export_render.h"
 #include "export/file_bookmark.h"
 #include "export/receipt.h"
@@ -44,7 +44,8 @@ bool pathTaken(const fs::path& path) {
 
 // "name 2.png", "name 3.png", ... for an output whose reserved name was
 // taken by something else meanwhile.
-fs::path numberedAlternative(const fs::path& path, const std::function<bool(const fs::path&)>& taken) {
+fs::path numberedAlternative(const fs::path& path,
+                             const std::function<bool(const fs::path&)>& taken) {
   for (int n = 2; n < 100000; ++n) {
     fs::path candidate = path.parent_path() / (path.stem().string() + " " + std::to_string(n) +
                                                path.extension().string());
@@ -57,7 +58,8 @@ fs::path numberedAlternative(const fs::path& path, const std::function<bool(cons
 // system's reason ("No space left on device.").
 class WriteFailure : public Error {
  public:
-  WriteFailure(fs::path output, int errnoValue) : m_output(std::move(output)), m_errno(errnoValue) {}
+  WriteFailure(fs::path output, int errnoValue)
+      : m_output(std::move(output)), m_errno(errnoValue) {}
   std::string description() const override {
     return EngineError::encode(m_output).description() + " " + std::strerror(m_errno) + ".";
   }
@@ -115,9 +117,14 @@ JobOutcome JobOutcome::of(const JobReport& report) {
         ++outcome.exported;
         outcome.usedEnhance = outcome.usedEnhance || result.method == ResampleMethod::estimate;
         break;
-      case Result::Kind::failed: ++outcome.failed; break;
-      case Result::Kind::skipped: ++outcome.skippedInRun; break;
-      case Result::Kind::stopped: break;
+      case Result::Kind::failed:
+        ++outcome.failed;
+        break;
+      case Result::Kind::skipped:
+        ++outcome.skippedInRun;
+        break;
+      case Result::Kind::stopped:
+        break;
     }
   }
   outcome.deferred = report.deferred;
@@ -175,7 +182,8 @@ std::string ExportController::submit(Submission submission) {
   };
   QueueSubmission queued;
   queued.urls = submission.urls;
-  for (size_t i = 0; i < submission.urls.size(); ++i) queued.destinations.push_back(destinationOf(i));
+  for (size_t i = 0; i < submission.urls.size(); ++i)
+    queued.destinations.push_back(destinationOf(i));
   queued.options = submission.options;
   queued.fromFinder = submission.fromFinder;
   queued.quitWhenDone = submission.quitWhenDone;
@@ -197,7 +205,8 @@ std::string ExportController::submit(Submission submission) {
     job->oneRunOnly = !m_queue.persists();
   } catch (const ExportQueueError& error) {
     const bool runAnyway = error.errorCase() == ExportQueueError::Case::saveFailed &&
-                           storageFailurePolicy && storageFailurePolicy(error, submission.urls.size());
+                           storageFailurePolicy &&
+                           storageFailurePolicy(error, submission.urls.size());
     if (!runAnyway) {
       if (job->agent && job->agent->onRejected) job->agent->onRejected(error);
       throw;
@@ -233,10 +242,11 @@ std::string ExportController::resume(const PersistedExportJob& persisted) {
     job->agent->replaceExisting = true;
   }
   if (persisted.folderTemplate)
-    job->folderBatch = FolderBatchNaming{{}, *persisted.folderTemplate,
-                                         persisted.folderSKU.value_or(""), persisted.folderDate};
+    job->folderBatch = FolderBatchNaming{
+        {}, *persisted.folderTemplate, persisted.folderSKU.value_or(""), persisted.folderDate};
   for (const auto& stored : persisted.items) {
-    if (stored.state != ExportQueueItemState::pending && stored.state != ExportQueueItemState::running)
+    if (stored.state != ExportQueueItemState::pending &&
+        stored.state != ExportQueueItemState::running)
       continue;
     JobItem item;
     item.id = stored.id;
@@ -244,7 +254,8 @@ std::string ExportController::resume(const PersistedExportJob& persisted) {
     try {
       item.url = m_queue.resolvedURL(stored.inputBookmark, stored.sourceName);
       const auto folder = FileBookmark::recordedPath(stored.destinationBookmark);
-      item.destination = FileBookmark::resolve(stored.destinationBookmark).value_or(folder.value_or(""));
+      item.destination =
+          FileBookmark::resolve(stored.destinationBookmark).value_or(folder.value_or(""));
     } catch (const ExportQueueError& error) {
       item.url = FileBookmark::recordedPath(stored.inputBookmark).value_or(stored.sourceName);
       item.unavailable = error.description();
@@ -303,9 +314,11 @@ void ExportController::pump() {
 }
 
 void ExportController::markOnLoop(const Job& job, const JobItem& item, ExportQueueItemState state,
-                                  std::optional<std::string> output, std::optional<std::string> error) {
+                                  std::optional<std::string> output,
+                                  std::optional<std::string> error) {
   if (job.oneRunOnly) return;
-  m_loop.invokeSync([&] { m_queue.mark(job.id, item.id, state, std::move(output), std::move(error)); });
+  m_loop.invokeSync(
+      [&] { m_queue.mark(job.id, item.id, state, std::move(output), std::move(error)); });
 }
 
 void ExportController::runJob(const Job& job) {
@@ -406,7 +419,8 @@ void ExportController::publishStage(const Job& job, const JobItem& item, ItemRun
     {
       std::lock_guard lock(m_pipelineMutex);
       m_haltText = "“" + name + "” was exported, but Tarnbloom could not finish recording it. " +
-                   *halt + " The file is on disk and will not be exported again; the remaining "
+                   *halt +
+                   " The file is on disk and will not be exported again; the remaining "
                    "files are paused until this is fixed.";
     }
     m_halted = true;
@@ -452,8 +466,9 @@ void ExportController::finishJob(size_t started) {
   if (!m_report.halt) m_loop.post([this] { pump(); });
 }
 
-fs::path ExportController::chooseOutput(const Job& job, const JobItem& item, const SourceImage& facts,
-                                        int64_t width, int64_t height, ExportFormat format) {
+fs::path ExportController::chooseOutput(const Job& job, const JobItem& item,
+                                        const SourceImage& facts, int64_t width, int64_t height,
+                                        ExportFormat format) {
   // Paths reserved by other unfinished items count as taken, so two items
   // of a queue never aim at one name.
   std::set<fs::path> reserved;
@@ -516,7 +531,8 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
   // 2. Load.
   const auto loadStart = std::chrono::steady_clock::now();
   SourceImage source = ResampleEngine::load(item.url);
-  run.timings["load"] = std::chrono::duration<double>(std::chrono::steady_clock::now() - loadStart).count();
+  run.timings["load"] =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - loadStart).count();
   run.format = job.options.resolvedFormat(item.url);
   if (source.bitsPerComponent == 16 && !encoding::supports16Bit(run.format) &&
       !job.confirmed16BitReduction) {
@@ -536,9 +552,11 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
   if (item.plannedSize) {
     run.size.width = item.plannedSize->first;
     run.size.height = item.plannedSize->second;
-    run.size.scaleFactor = static_cast<double>(run.size.width) / std::max<int64_t>(1, run.sourceWidth);
+    run.size.scaleFactor =
+        static_cast<double>(run.size.width) / std::max<int64_t>(1, run.sourceWidth);
   } else {
-    run.size = job.options.resolvedSize(run.sourceWidth, run.sourceHeight, source.bitsPerComponent, run.format);
+    run.size = job.options.resolvedSize(run.sourceWidth, run.sourceHeight, source.bitsPerComponent,
+                                        run.format);
   }
   const ClaimResolution claims =
       ClaimLaw::resolve(job.options.method, false, source.bitsPerComponent, run.format);
@@ -562,8 +580,9 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
       run.receiptPath = ReceiptLocation::url(run.output, job.receiptsBesideExports);
       record.intendedOutputPath = run.output.string();
       record.stagedPath = ExportOperationLedger::stagedURL(run.output, record.operationID).string();
-      record.stagedReceiptPath = (run.receiptPath.parent_path() /
-                                  (".tarnbloom-" + record.operationID + ".receipt.tmp")).string();
+      record.stagedReceiptPath =
+          (run.receiptPath.parent_path() / (".tarnbloom-" + record.operationID + ".receipt.tmp"))
+              .string();
       m_ledger.write(record);
       run.record = record;
       if (!job.oneRunOnly)
@@ -592,7 +611,8 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
       });
     }
   };
-  run.encoded = renderAndEncode(std::move(source), job.options, run.size, run.format, claims.codes, progress);
+  run.encoded =
+      renderAndEncode(std::move(source), job.options, run.size, run.format, claims.codes, progress);
   for (const auto& [stage, seconds] : run.encoded.timings) run.timings[stage] = seconds;
   reservation.get();
 }
@@ -647,9 +667,9 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
   // The source must still be what was rendered, and never the destination.
   ResampleEngine::validateDestination(output, run.facts);
   ReceiptLocation::ensureParentExists(run.receiptPath);
-  auto publication = ReceiptPairPublication::prepare(record.operationID, record.stagedPath, output,
-                                                     document, run.receiptPath,
-                                                     record.stagedReceiptPath, m_queue.stateDirectory());
+  auto publication = ReceiptPairPublication::prepare(
+      record.operationID, record.stagedPath, output, document, run.receiptPath,
+      record.stagedReceiptPath, m_queue.stateDirectory());
   m_ledger.advance(record.operationID, OperationStage::publishing);
   checkStop();
 

@@ -2,21 +2,21 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "engine/resample_method.h"
 #include "encoding/export_format.h"
+#include "engine/resample_method.h"
 #include "export/export_operation_ledger.h"
 #include "export/export_options.h"
 #include "export/export_queue_store.h"

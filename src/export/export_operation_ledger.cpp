@@ -1,7 +1,6 @@
 #include "export/export_operation_ledger.h"
 
 #include <cerrno>
-
 #include <nlohmann/json.hpp>
 
 #include "support/files.h"
@@ -27,10 +26,14 @@ void removeIfPresent(const std::string& path, std::vector<fs::path>* removed = n
 
 nlohmann::ordered_json encode(const ExportOperationRecord& r) {
   nlohmann::ordered_json json = {
-      {"operationID", r.operationID},   {"jobID", r.jobID},
-      {"itemID", r.itemID},             {"sourcePath", r.sourcePath},
-      {"intendedOutputPath", r.intendedOutputPath}, {"stagedPath", r.stagedPath},
-      {"stage", rawValue(r.stage)},     {"plannedAt", r.plannedAt},
+      {"operationID", r.operationID},
+      {"jobID", r.jobID},
+      {"itemID", r.itemID},
+      {"sourcePath", r.sourcePath},
+      {"intendedOutputPath", r.intendedOutputPath},
+      {"stagedPath", r.stagedPath},
+      {"stage", rawValue(r.stage)},
+      {"plannedAt", r.plannedAt},
   };
   if (!r.stagedReceiptPath.empty()) json["stagedReceiptPath"] = r.stagedReceiptPath;
   return json;
@@ -69,13 +72,16 @@ std::optional<OperationStage> operationStageFromRawValue(std::string_view text) 
 ExportReconciliation ExportReconciler::reconcile(OperationStage stage, bool stagedExists,
                                                  bool outputExists) {
   switch (stage) {
-    case OperationStage::planned: return ExportReconciliation::notPublished;
+    case OperationStage::planned:
+      return ExportReconciliation::notPublished;
     case OperationStage::publishing:
       // The staging file disappears only by being moved into place.
       return !stagedExists && outputExists ? ExportReconciliation::published
                                            : ExportReconciliation::notPublished;
-    case OperationStage::published: return ExportReconciliation::published;
-    case OperationStage::committed: return ExportReconciliation::alreadyCommitted;
+    case OperationStage::published:
+      return ExportReconciliation::published;
+    case OperationStage::committed:
+      return ExportReconciliation::alreadyCommitted;
   }
   return ExportReconciliation::notPublished;
 }
@@ -102,7 +108,13 @@ void ExportOperationLedger::write(const ExportOperationRecord& record) const {
   if (error) throw FileError(m_folder, "create", error.value());
   // The staged output and receipt are synced before they are moved into
   // place; the record itself only has to be atomic.
-  writeFileAtomically(fileFor(record.operationID), encode(record).dump(2) + "\n", Durability::ordered);
+  std::string text;
+  try {
+    text = encode(record).dump(2) + "\n";
+  } catch (const nlohmann::json::exception&) {
+    throw FileError(record.intendedOutputPath, "record", EILSEQ);  // a name that is not UTF-8
+  }
+  writeFileAtomically(fileFor(record.operationID), text, Durability::ordered);
 }
 
 void ExportOperationLedger::advance(const std::string& operationID, OperationStage stage) const {
@@ -112,12 +124,13 @@ void ExportOperationLedger::advance(const std::string& operationID, OperationSta
   write(*current);
 }
 
-std::optional<ExportOperationRecord> ExportOperationLedger::record(const std::string& operationID) const {
+std::optional<ExportOperationRecord> ExportOperationLedger::record(
+    const std::string& operationID) const {
   try {
     const auto bytes = readWholeFile(fileFor(operationID), 1 << 20);
-    const auto json = nlohmann::json::parse(reinterpret_cast<const char*>(bytes.data()),
-                                            reinterpret_cast<const char*>(bytes.data() + bytes.size()),
-                                            nullptr, false);
+    const auto json = nlohmann::json::parse(
+        reinterpret_cast<const char*>(bytes.data()),
+        reinterpret_cast<const char*>(bytes.data() + bytes.size()), nullptr, false);
     if (json.is_discarded()) return std::nullopt;
     return decode(json);
   } catch (const FileError&) {
@@ -131,7 +144,8 @@ std::vector<ExportOperationRecord> ExportOperationLedger::all() const {
   for (fs::directory_iterator it(m_folder, error), end; !error && it != end; it.increment(error)) {
     const auto name = it->path().filename().string();
     if (name.starts_with(".") || it->path().extension() != ".json") continue;
-    if (auto r = record(it->path().stem().string()); r && r->operationID == it->path().stem().string())
+    if (auto r = record(it->path().stem().string());
+        r && r->operationID == it->path().stem().string())
       records.push_back(std::move(*r));
   }
   std::sort(records.begin(), records.end(),
@@ -150,7 +164,8 @@ void ExportOperationLedger::discard(const ExportOperationRecord& record) const {
   clear(record.operationID);
 }
 
-ExportReconciliation ExportOperationLedger::reconciliation(const ExportOperationRecord& record) const {
+ExportReconciliation ExportOperationLedger::reconciliation(
+    const ExportOperationRecord& record) const {
   return ExportReconciler::reconcile(record.stage, exists(record.stagedPath),
                                      exists(record.intendedOutputPath));
 }

@@ -16,7 +16,8 @@ ExportOptions ExportOptions::saved(const Settings& settings) {
     options.sizeMode = *sizeModeFromRawValue(*mode);
   } else if (const auto scale = settings.number("scale")) {
     // Versions before size modes stored only a quick factor.
-    if (const auto quick = sizeModeFromQuickScale(static_cast<int>(*scale)); quick && *scale == std::floor(*scale))
+    if (const auto quick = sizeModeFromQuickScale(static_cast<int>(*scale));
+        quick && *scale == std::floor(*scale))
       options.sizeMode = *quick;
   }
   options.sizeValue = settings.number("sizeValue").value_or(options.sizeValue);
@@ -27,7 +28,8 @@ ExportOptions ExportOptions::saved(const Settings& settings) {
   options.formatFollowsSource = settings.boolean("formatFollowsSource").value_or(false);
   if (const auto method = settings.string("method"))
     options.method = resampleMethodFromRawValue(*method).value_or(options.method);
-  if (const auto strength = settings.number("estimateStrength"); strength && std::isfinite(*strength))
+  if (const auto strength = settings.number("estimateStrength");
+      strength && std::isfinite(*strength))
     options.estimateStrength = std::clamp(*strength, 0.1, 1.0);
   options.colourPolicy = encoding::ColourPolicy::saved(settings);
   options.jpeg = encoding::JPEGOptions::saved(settings);
@@ -60,7 +62,8 @@ ExportFormat ExportOptions::resolvedFormat(const std::filesystem::path& source) 
 }
 
 ResolvedSize ExportOptions::resolvedSize(int64_t sourceWidth, int64_t sourceHeight,
-                                         int sourceBitsPerComponent, ExportFormat outputFormat) const {
+                                         int sourceBitsPerComponent,
+                                         ExportFormat outputFormat) const {
   return DimensionResolver::resolve(sourceWidth, sourceHeight, sizeMode, sizeValue, boxWidth,
                                     boxHeight, sourceBitsPerComponent,
                                     std::string(encoding::rawValue(outputFormat)), false);
@@ -69,13 +72,20 @@ ResolvedSize ExportOptions::resolvedSize(int64_t sourceWidth, int64_t sourceHeig
 std::string ExportOptions::sizeLabel() const {
   const auto pixels = [](double v) { return groupedNumber(static_cast<int64_t>(std::llround(v))); };
   switch (sizeMode) {
-    case SizeMode::x2: return "2×";
-    case SizeMode::x4: return "4×";
-    case SizeMode::x8: return "8×";
-    case SizeMode::longEdge: return "Long edge " + pixels(sizeValue) + " px";
-    case SizeMode::width: return "Width " + pixels(sizeValue) + " px";
-    case SizeMode::height: return "Height " + pixels(sizeValue) + " px";
-    case SizeMode::boundingBox: return "Fit in " + pixels(boxWidth) + " × " + pixels(boxHeight) + " px";
+    case SizeMode::x2:
+      return "2×";
+    case SizeMode::x4:
+      return "4×";
+    case SizeMode::x8:
+      return "8×";
+    case SizeMode::longEdge:
+      return "Long edge " + pixels(sizeValue) + " px";
+    case SizeMode::width:
+      return "Width " + pixels(sizeValue) + " px";
+    case SizeMode::height:
+      return "Height " + pixels(sizeValue) + " px";
+    case SizeMode::boundingBox:
+      return "Fit in " + pixels(boxWidth) + " × " + pixels(boxHeight) + " px";
     case SizeMode::percent: {
       char text[32];
       std::snprintf(text, sizeof text, "%g%%", sizeValue);
@@ -103,7 +113,8 @@ ExportOptionsSnapshot::ExportOptionsSnapshot(const ExportOptions& options) {
       {"jpegQuality", options.jpeg.quality},
       {"jpegFloor", options.jpeg.floor},
   };
-  if (options.jpeg.subsampling) m_json["jpegSubsampling"] = encoding::rawValue(*options.jpeg.subsampling);
+  if (options.jpeg.subsampling)
+    m_json["jpegSubsampling"] = encoding::rawValue(*options.jpeg.subsampling);
   if (options.jpeg.maxBytes) m_json["jpegMaxBytes"] = *options.jpeg.maxBytes;
   m_json["webpLossless"] = options.webp.lossless;
   m_json["webpQuality"] = options.webp.lossyQuality;
@@ -119,10 +130,14 @@ enum class JsonKind { string, number, integer, boolean };
 
 bool hasKind(const nlohmann::json& value, JsonKind kind) {
   switch (kind) {
-    case JsonKind::string: return value.is_string();
-    case JsonKind::number: return value.is_number();
-    case JsonKind::integer: return value.is_number_integer();
-    case JsonKind::boolean: return value.is_boolean();
+    case JsonKind::string:
+      return value.is_string();
+    case JsonKind::number:
+      return value.is_number();
+    case JsonKind::integer:
+      return value.is_number_integer();
+    case JsonKind::boolean:
+      return value.is_boolean();
   }
   return false;
 }
@@ -134,17 +149,28 @@ struct KeyRule {
 };
 
 constexpr KeyRule kKeyRules[] = {
-    {"sizeMode", JsonKind::string, true},        {"format", JsonKind::string, true},
-    {"method", JsonKind::string, true},          {"sizeValue", JsonKind::number, true},
-    {"boxWidth", JsonKind::number, true},        {"boxHeight", JsonKind::number, true},
-    {"profile", JsonKind::string, true},         {"icc", JsonKind::string, true},
-    {"exif", JsonKind::string, true},            {"xmp", JsonKind::string, true},
-    {"gps", JsonKind::string, true},             {"flatten", JsonKind::string, true},
-    {"jpegQuality", JsonKind::integer, true},    {"jpegFloor", JsonKind::integer, true},
-    {"jpegSubsampling", JsonKind::string, false}, {"jpegMaxBytes", JsonKind::integer, false},
-    {"webpLossless", JsonKind::boolean, true},   {"webpQuality", JsonKind::number, true},
-    {"webpEffort", JsonKind::integer, true},     {"estimateStrength", JsonKind::number, false},
-    {"formatFollowsSource", JsonKind::boolean, false}, {"heifQuality", JsonKind::integer, false},
+    {"sizeMode", JsonKind::string, true},
+    {"format", JsonKind::string, true},
+    {"method", JsonKind::string, true},
+    {"sizeValue", JsonKind::number, true},
+    {"boxWidth", JsonKind::number, true},
+    {"boxHeight", JsonKind::number, true},
+    {"profile", JsonKind::string, true},
+    {"icc", JsonKind::string, true},
+    {"exif", JsonKind::string, true},
+    {"xmp", JsonKind::string, true},
+    {"gps", JsonKind::string, true},
+    {"flatten", JsonKind::string, true},
+    {"jpegQuality", JsonKind::integer, true},
+    {"jpegFloor", JsonKind::integer, true},
+    {"jpegSubsampling", JsonKind::string, false},
+    {"jpegMaxBytes", JsonKind::integer, false},
+    {"webpLossless", JsonKind::boolean, true},
+    {"webpQuality", JsonKind::number, true},
+    {"webpEffort", JsonKind::integer, true},
+    {"estimateStrength", JsonKind::number, false},
+    {"formatFollowsSource", JsonKind::boolean, false},
+    {"heifQuality", JsonKind::integer, false},
 };
 
 }  // namespace
@@ -155,7 +181,8 @@ ExportOptionsSnapshot ExportOptionsSnapshot::fromJson(const nlohmann::json& json
   for (const auto& rule : kKeyRules) {
     const auto found = json.find(rule.key);
     if (found == json.end() || found->is_null()) {
-      if (rule.required) throw ExportQueueError::decoding(std::string("“") + rule.key + "” is missing");
+      if (rule.required)
+        throw ExportQueueError::decoding(std::string("“") + rule.key + "” is missing");
       continue;
     }
     const bool tooLarge = found->is_number_unsigned() && found->get<uint64_t>() > INT64_MAX;

@@ -2,18 +2,17 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
-#include "engine/dimension_resolver.h"
-#include "engine/resample_method.h"
-#include "engine/size_mode.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "encoding/jpeg_encoder.h"
 #include "encoding/webp_encoder.h"
+#include "engine/dimension_resolver.h"
+#include "engine/resample_method.h"
+#include "engine/size_mode.h"
 
 namespace tarnbloom {
 class Settings;

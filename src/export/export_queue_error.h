@@ -11,11 +11,17 @@ class ExportQueueError : public Error {
  public:
   enum class Case { permissionLost, saveFailed, unreadableSettings, decoding };
 
-  static ExportQueueError permissionLost(std::string name) { return {Case::permissionLost, std::move(name)}; }
-  static ExportQueueError saveFailed(std::string reason) { return {Case::saveFailed, std::move(reason)}; }
+  static ExportQueueError permissionLost(std::string name) {
+    return {Case::permissionLost, std::move(name)};
+  }
+  static ExportQueueError saveFailed(std::string reason) {
+    return {Case::saveFailed, std::move(reason)};
+  }
   static ExportQueueError unreadableSettings() { return {Case::unreadableSettings, {}}; }
   // A document that does not have the shape of a queue file.
-  static ExportQueueError decoding(std::string detail) { return {Case::decoding, std::move(detail)}; }
+  static ExportQueueError decoding(std::string detail) {
+    return {Case::decoding, std::move(detail)};
+  }
 
   Case errorCase() const { return m_case; }
   const std::string& text() const { return m_text; }
@@ -33,7 +39,9 @@ class ExportQueueLoadFailure : public Error {
  public:
   enum class Case { unreadable, damaged, newer };
 
-  static ExportQueueLoadFailure unreadable(std::string reason) { return {Case::unreadable, std::move(reason), 0}; }
+  static ExportQueueLoadFailure unreadable(std::string reason) {
+    return {Case::unreadable, std::move(reason), 0};
+  }
   static ExportQueueLoadFailure damaged() { return {Case::damaged, {}, 0}; }
   static ExportQueueLoadFailure newer(int64_t format) { return {Case::newer, {}, format}; }
 

@@ -6,9 +6,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <set>
-
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "export/file_bookmark.h"
 #include "export/receipt.h"
@@ -70,7 +69,8 @@ ordered_json encodeJob(const PersistedExportJob& job) {
 template <typename T>
 T required(const json& object, const char* key) {
   const auto found = object.find(key);
-  if (found == object.end()) throw ExportQueueError::decoding(std::string("“") + key + "” is missing");
+  if (found == object.end())
+    throw ExportQueueError::decoding(std::string("“") + key + "” is missing");
   try {
     return found->get<T>();
   } catch (const json::exception&) {
@@ -122,7 +122,8 @@ PersistedExportJob decodeJob(const json& object) {
   job.receiptsBesideExports = optional<bool>(object, "receiptsBesideExports");
   job.created = optional<std::string>(object, "created");
   const auto items = object.find("items");
-  if (items == object.end() || !items->is_array()) throw ExportQueueError::decoding("“items” is missing");
+  if (items == object.end() || !items->is_array())
+    throw ExportQueueError::decoding("“items” is missing");
   for (const auto& item : *items) job.items.push_back(decodeItem(item));
   return job;
 }
@@ -150,7 +151,9 @@ void removeDeadTemporaries(const fs::path& folder, std::vector<fs::path>& remove
 
 }  // namespace
 
-std::string_view rawValue(ExportQueueItemState state) { return kStateNames[static_cast<int>(state)]; }
+std::string_view rawValue(ExportQueueItemState state) {
+  return kStateNames[static_cast<int>(state)];
+}
 
 std::optional<ExportQueueItemState> exportQueueItemStateFromRawValue(std::string_view text) {
   for (int i = 0; i < 5; ++i)
@@ -159,10 +162,12 @@ std::optional<ExportQueueItemState> exportQueueItemStateFromRawValue(std::string
 }
 
 bool PersistedExportJob::hasUnfinishedItems() const {
-  return std::any_of(items.begin(), items.end(), [](const auto& i) { return isUnfinished(i.state); });
+  return std::any_of(items.begin(), items.end(),
+                     [](const auto& i) { return isUnfinished(i.state); });
 }
 
-ExportQueueStore::ExportQueueStore(fs::path stateDirectory) : m_directory(std::move(stateDirectory)) {
+ExportQueueStore::ExportQueueStore(fs::path stateDirectory)
+    : m_directory(std::move(stateDirectory)) {
   load();
 }
 
@@ -195,7 +200,8 @@ void ExportQueueStore::load() {
     if (required<int64_t>(document, "schemaVersion") != kSchemaVersion)
       throw ExportQueueError::decoding("unknown format");
     const auto jobs = document.find("jobs");
-    if (jobs == document.end() || !jobs->is_array()) throw ExportQueueError::decoding("“jobs” is missing");
+    if (jobs == document.end() || !jobs->is_array())
+      throw ExportQueueError::decoding("“jobs” is missing");
     std::vector<PersistedExportJob> loaded;
     for (const auto& job : *jobs) loaded.push_back(decodeJob(job));
     m_jobs = std::move(loaded);
@@ -224,7 +230,8 @@ void ExportQueueStore::save() {
   std::set<std::string> dropped;
   for (auto it = m_jobs.rbegin(); it != m_jobs.rend(); ++it) {
     if (it->hasUnfinishedItems()) continue;
-    if (++finishedJobs > kFinishedJobsKept || (finishedItems += it->items.size()) > kFinishedItemsKept)
+    if (++finishedJobs > kFinishedJobsKept ||
+        (finishedItems += it->items.size()) > kFinishedItemsKept)
       dropped.insert(it->id);
   }
   if (!dropped.empty())
@@ -241,14 +248,19 @@ void ExportQueueStore::save() {
       slot = encode();
     return slot;
   };
-  for (size_t i = 0; i < m_jobs.size(); ++i) {
-    const PersistedExportJob& job = m_jobs[i];
-    std::string header = textOf("job " + job.id, [&] { return encodeJob(job).dump(); });
-    header.pop_back();  // the closing brace: the items follow
-    text += (i ? ",\n" : "\n") + header + ",\"items\":[";
-    for (size_t k = 0; k < job.items.size(); ++k)
-      text += (k ? ",\n" : "\n") + textOf(job.items[k].id, [&] { return encodeItem(job.items[k]).dump(); });
-    text += "]}";
+  try {
+    for (size_t i = 0; i < m_jobs.size(); ++i) {
+      const PersistedExportJob& job = m_jobs[i];
+      std::string header = textOf("job " + job.id, [&] { return encodeJob(job).dump(); });
+      header.pop_back();  // the closing brace: the items follow
+      text += (i ? ",\n" : "\n") + header + ",\"items\":[";
+      for (size_t k = 0; k < job.items.size(); ++k)
+        text += (k ? ",\n" : "\n") +
+                textOf(job.items[k].id, [&] { return encodeItem(job.items[k]).dump(); });
+      text += "]}";
+    }
+  } catch (const nlohmann::json::exception&) {
+    throw ExportQueueError::saveFailed("a file name in it is not valid UTF-8.");
   }
   text += "\n]\n}\n";
   m_encoded = std::move(encoded);
@@ -307,7 +319,8 @@ const PersistedExportJob& ExportQueueStore::enqueue(const QueueSubmission& submi
   return m_jobs.back();
 }
 
-PersistedExportItem* ExportQueueStore::mutableItem(const std::string& jobID, const std::string& itemID) {
+PersistedExportItem* ExportQueueStore::mutableItem(const std::string& jobID,
+                                                   const std::string& itemID) {
   for (auto& job : m_jobs)
     if (job.id == jobID)
       for (auto& item : job.items)
@@ -364,7 +377,8 @@ std::pair<const PersistedExportJob*, const PersistedExportItem*> ExportQueueStor
   return {nullptr, nullptr};
 }
 
-std::vector<const PersistedExportItem*> ExportQueueStore::retryableItems(const PersistedExportJob& job) const {
+std::vector<const PersistedExportItem*> ExportQueueStore::retryableItems(
+    const PersistedExportJob& job) const {
   std::vector<const PersistedExportItem*> items;
   for (const auto& item : job.items)
     if (item.state == ExportQueueItemState::failed || item.state == ExportQueueItemState::stopped)
@@ -451,7 +465,8 @@ RecoveryReport ExportQueueStore::recoverInterruptedWork(const ExportOperationLed
         item->operationID.reset();
         ++report.toRunAgain;
         break;
-      case ExportReconciliation::alreadyCommitted: break;
+      case ExportReconciliation::alreadyCommitted:
+        break;
     }
     // The queue must know the outcome before the record goes.
     save();

@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
-#include <unordered_map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "export/export_operation_ledger.h"
@@ -69,8 +69,8 @@ struct QueueSubmission {
 
 // What launch-time recovery found and did.
 struct RecoveryReport {
-  int completed = 0;    // items found published: not exported again
-  int toRunAgain = 0;   // items whose export must be redone
+  int completed = 0;   // items found published: not exported again
+  int toRunAgain = 0;  // items whose export must be redone
   int recordsCleared = 0;
   std::vector<std::filesystem::path> removedFiles;
   bool foundInterruptedWork() const { return completed + toRunAgain > 0; }
@@ -118,7 +118,8 @@ class ExportQueueStore {
   std::vector<const PersistedExportJob*> pendingJobs() const;
   const PersistedExportJob* job(const std::string& id) const;
   // The item and its job, or nulls.
-  std::pair<const PersistedExportJob*, const PersistedExportItem*> item(const std::string& id) const;
+  std::pair<const PersistedExportJob*, const PersistedExportItem*> item(
+      const std::string& id) const;
   std::vector<const PersistedExportItem*> retryableItems(const PersistedExportJob& job) const;
   // A failed or stopped item back to "pending"; false for other states.
   bool retry(const std::string& itemID);

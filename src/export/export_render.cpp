@@ -49,8 +49,8 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
   // WebP, HEIC and AVIF store colour only: a grey source goes to them as
   // sRGB grey, since its grey profile cannot describe RGB pixels.
   encoding::ColourPolicy policy = options.colourPolicy;
-  if (!source.isRGB() &&
-      (format == ExportFormat::webp || format == ExportFormat::heic || format == ExportFormat::avif))
+  if (!source.isRGB() && (format == ExportFormat::webp || format == ExportFormat::heic ||
+                          format == ExportFormat::avif))
     policy.profile = encoding::ProfilePolicy::srgb;
   RenderOutput output;
   output.estimateStrength = options.estimateStrength;
@@ -73,8 +73,12 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
   clock.mark("render");
 
   switch (format) {
-    case ExportFormat::png: result.bytes = encoding::encodePNG(image, metadata); break;
-    case ExportFormat::tiff: result.bytes = encoding::encodeTIFF(image, metadata); break;
+    case ExportFormat::png:
+      result.bytes = encoding::encodePNG(image, metadata);
+      break;
+    case ExportFormat::tiff:
+      result.bytes = encoding::encodeTIFF(image, metadata);
+      break;
     case ExportFormat::avif:
     case ExportFormat::heic: {
       const int quality = options.heifQuality.value_or(encoding::kImageWriterLossyQuality);

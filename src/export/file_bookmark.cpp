@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-
 #include <nlohmann/json.hpp>
 
 #include "support/base64.h"
@@ -51,7 +50,11 @@ std::string FileBookmark::create(const fs::path& path) {
       {"size", static_cast<int64_t>(info.st_size)},
       {"modified", static_cast<int64_t>(info.st_mtim.tv_sec)},
   };
-  return base64Encode(json.dump());
+  try {
+    return base64Encode(json.dump());
+  } catch (const nlohmann::json::exception&) {
+    throw FileError(absolute, "remember", EILSEQ);  // a name that is not UTF-8
+  }
 }
 
 std::optional<fs::path> FileBookmark::resolve(const std::string& data, bool* stale) {

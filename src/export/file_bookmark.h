@@ -16,7 +16,8 @@ class FileBookmark {
   // The current place of the bookmarked file; none when it is gone or the
   // data cannot be read. `stale` is set when the place changed, so the
   // caller can store fresh data.
-  static std::optional<std::filesystem::path> resolve(const std::string& data, bool* stale = nullptr);
+  static std::optional<std::filesystem::path> resolve(const std::string& data,
+                                                      bool* stale = nullptr);
   // The path recorded in the data, whether or not it still exists.
   static std::optional<std::filesystem::path> recordedPath(const std::string& data);
 };

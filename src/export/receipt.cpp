@@ -32,7 +32,6 @@ constexpr std::string_view kTimingScope =
     "Compute stages plus separate human inspection time when applicable; excludes save panels, "
     "receipt IO and publication.";
 
-
 bool isDigest(std::string_view text) {
   if (text.size() != 64) return false;
   for (char c : text)

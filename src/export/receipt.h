@@ -3,16 +3,15 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
-#include "engine/resample_method.h"
 #include "encoding/export_format.h"
 #include "encoding/jpeg_encoder.h"
 #include "encoding/webp_encoder.h"
+#include "engine/resample_method.h"
 #include "export/export_options.h"
 #include "support/error.h"
 #include "support/iso_time.h"
@@ -35,8 +34,9 @@ class ReceiptError : public Error {
 
 // The claims one export makes, and how it may have changed detail.
 struct ClaimResolution {
-  std::vector<std::string> codes;  // "CLAIM-ESTIMATE-EXPORT", "CLAIM-BG-REMOVE", "WEBP-16BIT-REDUCED"
-  std::string detailEffect;        // "never_invents_detail" or "may_alter_detail"
+  std::vector<std::string>
+      codes;                 // "CLAIM-ESTIMATE-EXPORT", "CLAIM-BG-REMOVE", "WEBP-16BIT-REDUCED"
+  std::string detailEffect;  // "never_invents_detail" or "may_alter_detail"
   std::vector<std::string> wording;
 };
 
@@ -53,7 +53,7 @@ struct EstimateProvenance {
   std::string tiling;        // e.g. "256x256 tiles, 16 px context, 128 px feather"
   std::string computeUnits;  // e.g. "CPU (oneDNN)"
   double strength = 0.5;
-  std::string precision;     // the engine's own precision text
+  std::string precision;  // the engine's own precision text
 };
 
 // Everything a receipt states about one export.
@@ -146,8 +146,8 @@ class ReceiptPairPublication {
   // put them back instead of leaving the user with neither.
   std::filesystem::path m_previousOutput, m_previousReceipt;
   bool m_receiptPlaced = false, m_outputPlaced = false;
-  bool m_stagedReceiptWritten = false, m_previousOutputKept = false,
-       m_previousReceiptKept = false, m_outputExisted = false, m_finished = false;
+  bool m_stagedReceiptWritten = false, m_previousOutputKept = false, m_previousReceiptKept = false,
+       m_outputExisted = false, m_finished = false;
 };
 
 }  // namespace tarnbloom::exporting

@@ -68,9 +68,10 @@ void EventLoop::run() {
     if (m_timers.empty()) {
       m_wake.wait(lock);
     } else {
-      const auto next = std::min_element(m_timers.begin(), m_timers.end(), [](const Timer& a, const Timer& b) {
-        return a.when < b.when;
-      })->when;
+      const auto next =
+          std::min_element(m_timers.begin(), m_timers.end(), [](const Timer& a, const Timer& b) {
+            return a.when < b.when;
+          })->when;
       m_wake.wait_until(lock, next);
     }
   }

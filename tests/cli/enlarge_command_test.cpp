@@ -10,17 +10,19 @@ TEST(EnlargeCommand, EnhanceWithoutAModelSaysWhatIsMissingAndWritesNothing) {
   std::string output;
   const int status = testing::runCommand(
       "TARNBLOOM_ESTIMATE_MODEL=/nonexistent/model.param " + std::string(TARNBLOOM_CLI) +
-          " enlarge --method enhance --strength 0.5 --size x2 --out '" + dir.path().string() + "' '" +
-          testing::samplePath("chelsea.png").string() + "' 2>&1",
+          " enlarge --method enhance --strength 0.5 --size x2 --out '" + dir.path().string() +
+          "' '" + testing::samplePath("chelsea.png").string() + "' 2>&1",
       &output);
   EXPECT_EQ(status, 3);
-  EXPECT_NE(output.find("Estimate needs realesr-general-x4v3.param. Set TARNBLOOM_ESTIMATE_MODEL for an "
-                        "experimental build."),
-            std::string::npos)
+  EXPECT_NE(
+      output.find("Estimate needs realesr-general-x4v3.param. Set TARNBLOOM_ESTIMATE_MODEL for an "
+                  "experimental build."),
+      std::string::npos)
       << output;
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 
-  EXPECT_EQ(testing::runCommand(std::string(TARNBLOOM_CLI) + " enlarge --method enhance --strength 1.5 --size x2 --out '" +
+  EXPECT_EQ(testing::runCommand(std::string(TARNBLOOM_CLI) +
+                                " enlarge --method enhance --strength 1.5 --size x2 --out '" +
                                 dir.path().string() + "' x.png 2>/dev/null"),
             1);
 }
@@ -35,7 +37,8 @@ namespace fs = std::filesystem;
 
 int enlarge(const fs::path& home, const std::string& arguments, std::string* output = nullptr) {
   return testing::runCommand("TARNBLOOM_HOME='" + home.string() + "' " + TARNBLOOM_CLI +
-                                 " enlarge --size x2 --receipts beside " + arguments + " 2>/dev/null",
+                                 " enlarge --size x2 --receipts beside " + arguments +
+                                 " 2>/dev/null",
                              output);
 }
 
@@ -58,7 +61,8 @@ TEST(EnlargeCommand, TakenNamesAreNumberedSkippedOrReplacedAsAsked) {
 
   // Replacing: a different size of output under the same name, so the
   // bytes and the receipt must both be the new ones.
-  EXPECT_EQ(enlarge(dir / "home", "--if-exists overwrite --name cat_902x600 --format jpeg" + out), 0);
+  EXPECT_EQ(enlarge(dir / "home", "--if-exists overwrite --name cat_902x600 --format jpeg" + out),
+            0);
   EXPECT_TRUE(fs::exists(dir / "out" / "cat_902x600.jpg"));
   EXPECT_EQ(enlarge(dir / "home", "--if-exists overwrite --method clarity" + out), 0);
   EXPECT_NE(testing::readBytes(first), original);
@@ -73,15 +77,19 @@ TEST(EnlargeCommand, ReportsEachBadFileAndExportsTheRest) {
   testing::writeText(dir / "bad.png", "not an image");
   std::string said;
   EXPECT_EQ(enlarge(dir / "home",
-                    "--out '" + (dir / "out").string() + "' '" + (dir / "missing.png").string() + "' '" +
-                        (dir / "bad.png").string() + "' '" + testing::samplePath("rocket.jpg").string() + "'",
+                    "--out '" + (dir / "out").string() + "' '" + (dir / "missing.png").string() +
+                        "' '" + (dir / "bad.png").string() + "' '" +
+                        testing::samplePath("rocket.jpg").string() + "'",
                     &said),
             2);
   EXPECT_NE(said.find("missing.png: “" + (dir / "missing.png").string() + "” doesn’t exist."),
-            std::string::npos) << said;
+            std::string::npos)
+      << said;
   EXPECT_NE(said.find("“bad.png” couldn’t be read as an image."), std::string::npos) << said;
   EXPECT_TRUE(fs::exists(dir / "out" / "rocket_1280x854.jpg"));
-  EXPECT_EQ(enlarge(dir / "home", "--out '" + (dir / "out").string() + "' '" + (dir / "bad.png").string() + "'"), 3);
+  EXPECT_EQ(enlarge(dir / "home",
+                    "--out '" + (dir / "out").string() + "' '" + (dir / "bad.png").string() + "'"),
+            3);
 }
 
 }  // namespace

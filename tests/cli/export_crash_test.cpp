@@ -2,17 +2,16 @@
 // queue, the ledger and the receipts still add up: every source ends with
 // exactly one output and one matching receipt, and nothing is left behind.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <thread>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "fixtures.h"
 #include "support/sha256.h"
@@ -32,7 +31,7 @@ struct ToolRun {
 // Runs the tool with TARNBLOOM_HOME set; kills it with SIGKILL after
 // `killAfter` seconds when given.
 ToolRun runTool(const fs::path& home, const std::vector<std::string>& arguments,
-            std::optional<double> killAfter = std::nullopt) {
+                std::optional<double> killAfter = std::nullopt) {
   const auto start = Clock::now();
   const pid_t pid = ::fork();
   if (pid == 0) {
@@ -62,7 +61,8 @@ ToolRun runTool(const fs::path& home, const std::vector<std::string>& arguments,
 std::vector<fs::path> filesIn(const fs::path& folder) {
   std::vector<fs::path> files;
   std::error_code error;
-  for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
+  for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
+       it.increment(error))
     if (it->is_regular_file()) files.push_back(it->path());
   std::sort(files.begin(), files.end());
   return files;
@@ -71,7 +71,8 @@ std::vector<fs::path> filesIn(const fs::path& folder) {
 nlohmann::json readJson(const fs::path& path) {
   const auto bytes = testing::readBytes(path);
   return nlohmann::json::parse(reinterpret_cast<const char*>(bytes.data()),
-                               reinterpret_cast<const char*>(bytes.data() + bytes.size()), nullptr, false);
+                               reinterpret_cast<const char*>(bytes.data() + bytes.size()), nullptr,
+                               false);
 }
 
 // The queue file is whole JSON whenever it exists.
@@ -136,8 +137,8 @@ TEST(ExportCrashSafety, RandomKillsNeverLoseOrDuplicateAnExport) {
     sources.push_back(path);
   }
   const auto enlarge = [&](const fs::path& out) {
-    return std::vector<std::string>{"enlarge", "--size", "x2", "--method", "clarity", "--receipts",
-                                    "beside", "--out", out.string(), in.string()};
+    return std::vector<std::string>{"enlarge",    "--size", "x2",    "--method",   "clarity",
+                                    "--receipts", "beside", "--out", out.string(), in.string()};
   };
 
   // How long an undisturbed run takes here, so kills land all through it.
@@ -162,8 +163,8 @@ TEST(ExportCrashSafety, RandomKillsNeverLoseOrDuplicateAnExport) {
     // Resume, itself killed at random now and then, until one finishes.
     for (int attempt = 0;; ++attempt) {
       const bool kill = attempt < 3 && random() % 2 == 0;
-      const ToolRun resume = runTool(home, {"queue", "resume"},
-                                 kill ? std::optional(moment(random)) : std::nullopt);
+      const ToolRun resume =
+          runTool(home, {"queue", "resume"}, kill ? std::optional(moment(random)) : std::nullopt);
       expectReadableQueue(home, when + " after resume");
       if (resume.status < 0) {
         ++kills;

@@ -2,12 +2,12 @@
 // source edited while it renders, a crash right after publication. Each
 // ends with its message and leaves nothing behind.
 
+#include "export/export_controller.h"
+
+#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include "export/export_controller.h"
 #include "export/receipt.h"
 #include "fixtures.h"
 #include "support/files.h"
@@ -22,7 +22,8 @@ using testing::TempDir;
 std::vector<fs::path> filesIn(const fs::path& folder) {
   std::vector<fs::path> files;
   std::error_code error;
-  for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
+  for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
+       it.increment(error))
     if (it->is_regular_file()) files.push_back(it->path());
   return files;
 }
@@ -75,10 +76,12 @@ struct ControllerFixture : ::testing::Test {
     return report;
   }
 
-  void expectFailedLeavingNothing(const JobReport& report, const fs::path& folder, const std::string& text) {
+  void expectFailedLeavingNothing(const JobReport& report, const fs::path& folder,
+                                  const std::string& text) {
     ASSERT_EQ(report.results.size(), 1u);
     EXPECT_EQ(report.results[0].kind, Result::Kind::failed);
-    EXPECT_NE(report.results[0].errorText.find(text), std::string::npos) << report.results[0].errorText;
+    EXPECT_NE(report.results[0].errorText.find(text), std::string::npos)
+        << report.results[0].errorText;
     EXPECT_TRUE(filesIn(folder).empty());
     EXPECT_TRUE(ledger->all().empty());
     EXPECT_TRUE(filesIn(state / "ReceiptPublications").empty());

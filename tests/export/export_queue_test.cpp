@@ -23,7 +23,9 @@ std::string readText(const fs::path& path) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-ExportOptions decoded(nlohmann::json json) { return ExportOptionsSnapshot::fromJson(json).options(); }
+ExportOptions decoded(nlohmann::json json) {
+  return ExportOptionsSnapshot::fromJson(json).options();
+}
 
 TEST(ExportOptionsSnapshot, RestoresWhatWasStoredAndClampsOnlyTheStrength) {
   ExportOptions options;
@@ -45,7 +47,10 @@ TEST(ExportOptionsSnapshot, RestoresWhatWasStoredAndClampsOnlyTheStrength) {
 
   auto with = [&](const char* key, nlohmann::json value) {
     nlohmann::json copy = stored;
-    if (value.is_null()) copy.erase(key); else copy[key] = value;
+    if (value.is_null())
+      copy.erase(key);
+    else
+      copy[key] = value;
     return copy;
   };
   EXPECT_DOUBLE_EQ(decoded(with("estimateStrength", 0.05)).estimateStrength, 0.1);
@@ -55,13 +60,18 @@ TEST(ExportOptionsSnapshot, RestoresWhatWasStoredAndClampsOnlyTheStrength) {
   EXPECT_FALSE(decoded(with("formatFollowsSource", nullptr)).formatFollowsSource);
   EXPECT_EQ(decoded(with("formatFollowsSource", nullptr)).format, encoding::ExportFormat::webp);
 
-  for (const auto& [key, value] : std::vector<std::pair<const char*, nlohmann::json>>{
-           {"format", "gif"}, {"sizeMode", "x3"}, {"method", "magic"}, {"profile", "p3"}, {"gps", "blur"}}) {
+  for (const auto& [key, value] :
+       std::vector<std::pair<const char*, nlohmann::json>>{{"format", "gif"},
+                                                           {"sizeMode", "x3"},
+                                                           {"method", "magic"},
+                                                           {"profile", "p3"},
+                                                           {"gps", "blur"}}) {
     try {
       decoded(with(key, value));
       ADD_FAILURE() << key;
     } catch (const ExportQueueError& error) {
-      EXPECT_EQ(error.description(), "This queued export has settings that this version cannot read.");
+      EXPECT_EQ(error.description(),
+                "This queued export has settings that this version cannot read.");
     }
   }
   // Missing or mistyped values are a damaged file, not unknown settings.
@@ -93,7 +103,8 @@ TEST_F(QueueFixture, KeepsFilesItCannotReadAndStillQueuesNewWork) {
   {
     ExportQueueStore store(state);
     ASSERT_TRUE(store.loadFailure());
-    EXPECT_EQ(store.loadFailure()->description(), "This export queue was written by a newer Tarnbloom (format 2).");
+    EXPECT_EQ(store.loadFailure()->description(),
+              "This export queue was written by a newer Tarnbloom (format 2).");
     store.enqueue(submission());
     EXPECT_EQ(store.jobs().size(), 1u);
   }
@@ -138,7 +149,8 @@ TEST_F(QueueFixture, FindsAMovedSourceOrNamesTheOneItLost) {
     ADD_FAILURE();
   } catch (const ExportQueueError& error) {
     EXPECT_EQ(error.description(),
-              "Tarnbloom no longer has permission to read or save photo.png. Choose it again, then retry.");
+              "Tarnbloom no longer has permission to read or save photo.png. Choose it again, then "
+              "retry.");
   }
 }
 
@@ -174,7 +186,8 @@ TEST_F(QueueFixture, RecoverySettlesEachInterruptedExport) {
     r.stage = stages[i];
     ledger.write(r);
     store.recordIntendedOutput(job.id, r.itemID, r.intendedOutputPath, 8, 8, r.operationID);
-    store.mark(job.id, r.itemID, i == 3 ? ExportQueueItemState::completed : ExportQueueItemState::running,
+    store.mark(job.id, r.itemID,
+               i == 3 ? ExportQueueItemState::completed : ExportQueueItemState::running,
                i == 3 ? std::optional(r.intendedOutputPath) : std::nullopt);
     records.push_back(r);
   }
