@@ -309,6 +309,10 @@ int runEnlarge(const std::vector<std::string>& arguments) {
     }
   }
   const std::vector<fs::path> files = expandInputs(options);
+  if (files.empty()) {
+    std::cerr << "tarnbloom enlarge: nothing to enlarge.\n";
+    return kExitUsage;
+  }
   const exporting::ExportOptions exportOptions = cli::exportOptions(options);
 
   std::unique_ptr<ExportSession> session;
