@@ -258,6 +258,7 @@ std::vector<fs::path> expandInputs(const Options& options) {
       continue;
     }
     std::vector<fs::path> found;
+    bool hasFolders = false;
     const auto consider = [&](const fs::directory_entry& entry) {
       std::error_code e;
       if (entry.is_regular_file(e) && isStillImageName(entry.path())) found.push_back(entry.path());
