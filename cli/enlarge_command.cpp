@@ -277,13 +277,16 @@ std::vector<fs::path> expandInputs(const Options& options) {
       }
     } else {
       for (fs::directory_iterator it(argument, error), end; !error && it != end;
-           it.increment(error))
+           it.increment(error)) {
+        std::error_code e;
+        hasFolders = hasFolders || it->is_directory(e);
         consider(*it);
+      }
     }
     std::sort(found.begin(), found.end());
     if (found.empty())
       std::cerr << "“" << argument.string() << "” holds no still images"
-                << (options.recursive ? "" : " (add --recursive to look inside its folders)")
+                << (hasFolders ? " (add --recursive to look inside its folders)" : "")
                 << ".\n";
     files.insert(files.end(), found.begin(), found.end());
   }
