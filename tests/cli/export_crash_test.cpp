@@ -13,6 +13,7 @@
 #include <random>
 #include <thread>
 
+#include "export/receipt.h"
 #include "fixtures.h"
 #include "support/sha256.h"
 #include "test_support.h"
@@ -90,11 +91,12 @@ bool queueHasJob(const fs::path& home) {
 }
 
 void expectSettled(const std::vector<fs::path>& sources, const fs::path& out, const fs::path& home,
-                   const std::string& when) {
+                   bool beside, const std::string& when) {
   const auto outputs = filesIn(out);
-  // One output and one receipt per source, nothing else: no staging file,
-  // no second copy.
-  EXPECT_EQ(outputs.size(), sources.size() * 2) << when;
+  // One output (and one receipt beside it) per source, nothing else: no
+  // staging file, no second copy.
+  EXPECT_EQ(outputs.size(), sources.size() * (beside ? 2 : 1)) << when;
+  ::setenv("TARNBLOOM_HOME", home.c_str(), 1);  // where the receipts folder is
   for (const auto& source : sources) {
     std::vector<fs::path> mine;
     for (const auto& file : outputs)
@@ -102,13 +104,14 @@ void expectSettled(const std::vector<fs::path>& sources, const fs::path& out, co
           file.extension() != ".tarnbloomreceipt")
         mine.push_back(file);
     ASSERT_EQ(mine.size(), 1u) << when << ": " << source.filename();
-    const fs::path receipt = mine[0].string() + ".tarnbloomreceipt";
+    const fs::path receipt = exporting::ReceiptLocation::url(mine[0], beside);
     ASSERT_TRUE(fs::exists(receipt)) << when << ": " << receipt;
     const auto document = readJson(receipt);
     EXPECT_EQ(document["output"]["sha256"], *sha256OfFile(mine[0])) << when << ": " << receipt;
     EXPECT_EQ(document["source"]["hash"], *sha256OfFile(source)) << when;
   }
   EXPECT_TRUE(filesIn(home / "Operations").empty()) << when;
+  if (!beside) EXPECT_EQ(filesIn(home / "Receipts").size(), sources.size()) << when;
   for (const auto& file : filesIn(home))
     EXPECT_FALSE(file.extension() == ".tmp" || file.string().find("corrupt") != std::string::npos ||
                  file.parent_path().filename() == "ReceiptPublications")
@@ -136,15 +139,24 @@ TEST(ExportCrashSafety, RandomKillsNeverLoseOrDuplicateAnExport) {
     }
     sources.push_back(path);
   }
-  const auto enlarge = [&](const fs::path& out) {
-    return std::vector<std::string>{"enlarge",    "--size", "x2",    "--method",   "clarity",
-                                    "--receipts", "beside", "--out", out.string(), in.string()};
+  const auto enlarge = [&](const fs::path& out, bool beside = true) {
+    return std::vector<std::string>{"enlarge",
+                                    "--size",
+                                    "x2",
+                                    "--method",
+                                    "clarity",
+                                    "--receipts",
+                                    beside ? "beside" : "store",
+                                    "--out",
+                                    out.string(),
+                                    in.string()};
   };
 
   // How long an undisturbed run takes here, so kills land all through it.
   const ToolRun calibration = runTool(dir / "calibration-home", enlarge(dir / "calibration-out"));
   ASSERT_EQ(calibration.status, 0);
-  expectSettled(sources, dir / "calibration-out", dir / "calibration-home", "undisturbed run");
+  expectSettled(sources, dir / "calibration-out", dir / "calibration-home", true,
+                "undisturbed run");
   const double span = calibration.seconds * 1.1;
 
   const unsigned seed = std::random_device{}();
@@ -158,7 +170,9 @@ TEST(ExportCrashSafety, RandomKillsNeverLoseOrDuplicateAnExport) {
     const std::string when = "seed " + std::to_string(seed) + ", round " + std::to_string(round);
     const fs::path home = dir / ("home" + std::to_string(round));
     const fs::path out = dir / ("out" + std::to_string(round));
-    if (runTool(home, enlarge(out), moment(random)).status < 0) ++kills;
+    // Receipts beside the outputs in even rounds, in the state folder in odd ones.
+    const bool beside = round % 2 == 0;
+    if (runTool(home, enlarge(out, beside), moment(random)).status < 0) ++kills;
     expectReadableQueue(home, when + " after enlarge");
     // Resume, itself killed at random now and then, until one finishes.
     for (int attempt = 0;; ++attempt) {
@@ -176,9 +190,9 @@ TEST(ExportCrashSafety, RandomKillsNeverLoseOrDuplicateAnExport) {
     // Killed before the job was recorded: nothing was exported; run it again.
     if (!queueHasJob(home)) {
       ASSERT_TRUE(filesIn(out).empty()) << when;
-      ASSERT_EQ(runTool(home, enlarge(out)).status, 0) << when;
+      ASSERT_EQ(runTool(home, enlarge(out, beside)).status, 0) << when;
     }
-    expectSettled(sources, out, home, when);
+    expectSettled(sources, out, home, beside, when);
     if (HasFailure()) break;
   }
   RecordProperty("kills", kills);
