@@ -66,7 +66,7 @@ void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width
 #pragma omp parallel
     {
       FloatImage row(width, 1, 4);
-#pragma omp for schedule(static)
+#pragma omp for schedule(dynamic, 8)
       for (int64_t y = y0; y < y1; ++y) {
         band.row(y - y0, row.data.data());
         converter.convertRow(row.data.data(), width, out.row(static_cast<int>(y - outRowOffset)));

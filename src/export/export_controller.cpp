@@ -317,8 +317,15 @@ void ExportController::markOnLoop(const Job& job, const JobItem& item, ExportQue
                                   std::optional<std::string> output,
                                   std::optional<std::string> error) {
   if (job.oneRunOnly) return;
-  m_loop.invokeSync(
-      [&] { m_queue.mark(job.id, item.id, state, std::move(output), std::move(error)); });
+  m_loop.invokeSync([&] {
+    m_queue.mark(job.id, item.id, state, std::move(output), std::move(error));
+    clearSavedCompletions();
+  });
+}
+
+void ExportController::clearSavedCompletions() {
+  for (const auto& operationID : m_unsavedCompletions) m_ledger.clear(operationID);
+  m_unsavedCompletions.clear();
 }
 
 void ExportController::runJob(const Job& job) {
@@ -405,14 +412,17 @@ void ExportController::publishStage(const Job& job, const JobItem& item, ItemRun
       // The item has already failed; its text says why.
     }
   }
-  // 10. The queue learns of the published file, then the record goes.
+  // 10. The queue learns of the published file. It is saved with the next
+  // change the queue makes anyway, and the record goes only after that: a
+  // crash in between finds the record "published" and counts the file done.
   if (run.published && !halt) {
-    try {
-      markOnLoop(job, item, ExportQueueItemState::completed, result.output->string());
-      m_ledger.clear(run.record->operationID);
-    } catch (const Error& error) {
-      halt = errorText(error);
-    }
+    const std::string operationID = run.record->operationID;
+    m_loop.invokeSync([&] {
+      if (!job.oneRunOnly)
+        m_queue.markUnsaved(job.id, item.id, ExportQueueItemState::completed,
+                            result.output->string());
+      m_unsavedCompletions.push_back(operationID);
+    });
   }
   if (halt) {
     const std::string name = result.output.value_or(result.source).filename().string();
@@ -442,6 +452,18 @@ void ExportController::finishPublishing() {
 
 void ExportController::finishJob(size_t started) {
   Job& job = *m_active;
+  // The last completions are saved now; should that fail, their records
+  // stay "published" and the next launch counts them done.
+  if (!m_unsavedCompletions.empty()) {
+    try {
+      if (!job.oneRunOnly) m_queue.commit();
+      clearSavedCompletions();
+    } catch (const Error& error) {
+      std::lock_guard lock(m_pipelineMutex);
+      m_haltText = "The export queue could not be saved: " + errorText(error);
+      m_halted = true;
+    }
+  }
   // Items never started: a stop marks them stopped, a halt leaves them
   // pending for the next run.
   for (size_t i = started; i < job.items.size(); ++i) {
@@ -588,6 +610,7 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
       if (!job.oneRunOnly)
         m_queue.recordIntendedOutput(job.id, item.id, run.output.string(), run.size.width,
                                      run.size.height, record.operationID);
+      clearSavedCompletions();
       reserved.set_value();
     } catch (...) {
       reserved.set_exception(std::current_exception());
@@ -621,7 +644,7 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
   const auto checkStop = [&] {
     if (m_stop) throw StopRequested{};
   };
-  const ExportOperationRecord& record = *run.record;
+  ExportOperationRecord& record = *run.record;
   const fs::path& output = run.output;
   checkStop();
   // 7 (second half). The staging file beside the destination.
@@ -669,8 +692,8 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
   ReceiptLocation::ensureParentExists(run.receiptPath);
   auto publication = ReceiptPairPublication::prepare(
       record.operationID, record.stagedPath, output, document, run.receiptPath,
-      record.stagedReceiptPath, m_queue.stateDirectory());
-  m_ledger.advance(record.operationID, OperationStage::publishing);
+      record.stagedReceiptPath, m_queue.stateDirectory(), run.encoded.bytes.size());
+  m_ledger.advance(record, OperationStage::publishing);
   checkStop();
 
   // 9. Output and receipt together, or neither.
@@ -695,13 +718,11 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
     result.jpegQuality = run.encoded.jpegReport->qualityUsed;
   }
   // 10 (first half); the publisher then tells the queue.
-  recordCompletion(record.operationID);
+  recordCompletion(record);
 }
 
-void ExportController::recordCompletion(const std::string& operationID) {
-  const auto record = m_ledger.record(operationID);
-  if (record && record->stage < OperationStage::published)
-    m_ledger.advance(operationID, OperationStage::published);
+void ExportController::recordCompletion(ExportOperationRecord& record) {
+  if (record.stage < OperationStage::published) m_ledger.advance(record, OperationStage::published);
   if (m_dependencies.hooks.afterPublished) m_dependencies.hooks.afterPublished();
 }
 

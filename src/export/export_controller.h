@@ -186,7 +186,7 @@ class ExportController {
   // (then the interruption hook). The loop then marks the queue
   // "completed" and clears the record. Throws when the record cannot be
   // advanced.
-  void recordCompletion(const std::string& operationID);
+  void recordCompletion(ExportOperationRecord& record);
 
  private:
   struct ItemRun;
@@ -200,6 +200,9 @@ class ExportController {
   void publishStage(const Job& job, const JobItem& item, ItemRun& run);
   void runPublish(const Job& job, const JobItem& item, ItemRun& run);
   void finishPublishing();
+  // After the queue file was saved: the records of the completions it now
+  // holds go.
+  void clearSavedCompletions();
   void finishJob(size_t started);
   std::filesystem::path chooseOutput(const Job& job, const JobItem& item, const SourceImage& facts,
                                      int64_t width, int64_t height, encoding::ExportFormat format);
@@ -224,6 +227,9 @@ class ExportController {
   // Set when an interruption hook simulated a crash.
   std::atomic<bool> m_interruptedFlag{false};
   bool m_interrupted = false;  // on the loop
+  // Completed in the queue's memory, not yet saved; their records stay
+  // until a save (on the loop).
+  std::vector<std::string> m_unsavedCompletions;
   std::mutex m_pipelineMutex;
   std::condition_variable m_pipelineWake;
   size_t m_published = 0;  // items the publisher is done with, this job

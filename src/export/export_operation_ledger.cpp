@@ -1,5 +1,9 @@
 #include "export/export_operation_ledger.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
@@ -59,6 +63,20 @@ std::optional<ExportOperationRecord> decode(const nlohmann::json& json) {
   }
 }
 
+// A record's text padded with spaces to a multiple of 64 bytes with room to
+// spare, so that any later stage fits the same length.
+std::string paddedText(const ExportOperationRecord& record) {
+  std::string text;
+  try {
+    text = encode(record).dump(2);
+  } catch (const nlohmann::json::exception&) {
+    throw FileError(record.intendedOutputPath, "record", EILSEQ);  // a name that is not UTF-8
+  }
+  const size_t size = (text.size() + 16 + 63) / 64 * 64;
+  text.resize(size - 1, ' ');
+  return text + "\n";
+}
+
 }  // namespace
 
 std::string_view rawValue(OperationStage stage) { return kStageNames[static_cast<int>(stage)]; }
@@ -107,14 +125,22 @@ void ExportOperationLedger::write(const ExportOperationRecord& record) const {
   fs::create_directories(m_folder, error);
   if (error) throw FileError(m_folder, "create", error.value());
   // The staged output and receipt are synced before they are moved into
-  // place; the record itself only has to be atomic.
-  std::string text;
-  try {
-    text = encode(record).dump(2) + "\n";
-  } catch (const nlohmann::json::exception&) {
-    throw FileError(record.intendedOutputPath, "record", EILSEQ);  // a name that is not UTF-8
+  // place; the record itself only has to be whole. A new record goes
+  // straight into its own name: cut short, it would only say "planned"
+  // before anything was staged. An existing one is replaced atomically.
+  const std::string text = paddedText(record);
+  const fs::path file = fileFor(record.operationID);
+  FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (fd.get() < 0) {
+    if (errno != EEXIST) throw FileError(file, "write", errno);
+    writeFileAtomically(file, text, Durability::ordered);
+    return;
   }
-  writeFileAtomically(fileFor(record.operationID), text, Durability::ordered);
+  if (::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    const int error = errno ? errno : EIO;
+    ::unlink(file.c_str());
+    throw FileError(file, "write", error);
+  }
 }
 
 void ExportOperationLedger::advance(const std::string& operationID, OperationStage stage) const {
@@ -122,6 +148,23 @@ void ExportOperationLedger::advance(const std::string& operationID, OperationSta
   if (!current) throw FileError(fileFor(operationID), "read", ENOENT);
   current->stage = stage;
   write(*current);
+}
+
+void ExportOperationLedger::advance(ExportOperationRecord& record, OperationStage stage) const {
+  record.stage = stage;
+  std::string text = paddedText(record);
+  const fs::path file = fileFor(record.operationID);
+  FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+  struct stat info {};
+  if (fd.get() >= 0 && ::fstat(fd.get(), &info) == 0 &&
+      static_cast<size_t>(info.st_size) >= text.size()) {
+    // Same length as what is there: one write replaces all of it.
+    text.insert(text.size() - 1, static_cast<size_t>(info.st_size) - text.size(), ' ');
+    if (::pwrite(fd.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()))
+      return;
+  }
+  if (fd.get() < 0 && errno == ENOENT) throw FileError(file, "read", ENOENT);
+  write(record);
 }
 
 std::optional<ExportOperationRecord> ExportOperationLedger::record(

@@ -58,6 +58,10 @@ class ExportOperationLedger {
   void write(const ExportOperationRecord& record) const;
   // Throws FileError when the record is missing or cannot be written.
   void advance(const std::string& operationID, OperationStage stage) const;
+  // The same for a record the caller holds: its file is rewritten in place
+  // with one write of the same length (records are padded for this), which
+  // a crash cannot tear, instead of being read back and replaced.
+  void advance(ExportOperationRecord& record, OperationStage stage) const;
   std::optional<ExportOperationRecord> record(const std::string& operationID) const;
   // Every readable record; unreadable files are skipped.
   std::vector<ExportOperationRecord> all() const;

@@ -343,6 +343,16 @@ void ExportQueueStore::mark(const std::string& jobID, const std::string& itemID,
   save();
 }
 
+void ExportQueueStore::markUnsaved(const std::string& jobID, const std::string& itemID,
+                                   ExportQueueItemState state, std::optional<std::string> output) {
+  PersistedExportItem* item = mutableItem(jobID, itemID);
+  if (!item) return;
+  item->state = state;
+  item->outputPath = std::move(output);
+  item->errorText.reset();
+  if (!isUnfinished(state)) item->operationID.reset();
+}
+
 void ExportQueueStore::recordIntendedOutput(const std::string& jobID, const std::string& itemID,
                                             const std::string& path, int64_t width, int64_t height,
                                             const std::string& operationID) {

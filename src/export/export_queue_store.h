@@ -107,6 +107,9 @@ class ExportQueueStore {
   void mark(const std::string& jobID, const std::string& itemID, ExportQueueItemState state,
             std::optional<std::string> output = std::nullopt,
             std::optional<std::string> error = std::nullopt);
+  // The same in memory only; the next save or commit() writes it.
+  void markUnsaved(const std::string& jobID, const std::string& itemID, ExportQueueItemState state,
+                   std::optional<std::string> output = std::nullopt);
   // Reserves the output path (and the ledger record) before any file is
   // written; the item is "running" from here.
   void recordIntendedOutput(const std::string& jobID, const std::string& itemID,

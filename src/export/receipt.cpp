@@ -353,7 +353,8 @@ void ReceiptLocation::ensureParentExists(const fs::path& receipt) {
 ReceiptPairPublication ReceiptPairPublication::prepare(
     const std::string& operationID, const fs::path& stagedOutput, const fs::path& output,
     const nlohmann::ordered_json& receipt, const fs::path& receiptPath,
-    const fs::path& stagedReceipt, const fs::path& journalRoot) {
+    const fs::path& stagedReceipt, const fs::path& journalRoot,
+    std::optional<uint64_t> stagedSize) {
   // The id names files; a separator would let it point anywhere.
   if (operationID.empty() || operationID == "." || operationID == ".." ||
       operationID.find('/') != std::string::npos)
@@ -363,13 +364,20 @@ ReceiptPairPublication ReceiptPairPublication::prepare(
   if (receipt.is_object() && receipt.contains("output") && receipt["output"].is_object() &&
       receipt["output"].contains("sha256") && receipt["output"]["sha256"].is_string())
     recordedSHA = receipt["output"]["sha256"].get<std::string>();
-  {
-    FileDescriptor probe(::open(stagedOutput.c_str(), O_RDONLY | O_CLOEXEC));
-    if (probe.get() < 0) throw FileError(stagedOutput, "open", errno);
+  if (stagedSize) {
+    struct stat info {};
+    if (::stat(stagedOutput.c_str(), &info) != 0) throw FileError(stagedOutput, "open", errno);
+    if (static_cast<uint64_t>(info.st_size) != *stagedSize)
+      throw ReceiptError("output_sha256 must match staged image");
+  } else {
+    {
+      FileDescriptor probe(::open(stagedOutput.c_str(), O_RDONLY | O_CLOEXEC));
+      if (probe.get() < 0) throw FileError(stagedOutput, "open", errno);
+    }
+    const auto stagedSHA = sha256OfFile(stagedOutput);
+    if (!stagedSHA) throw FileError(stagedOutput, "read", EIO);
+    if (recordedSHA != *stagedSHA) throw ReceiptError("output_sha256 must match staged image");
   }
-  const auto stagedSHA = sha256OfFile(stagedOutput);
-  if (!stagedSHA) throw FileError(stagedOutput, "read", EIO);
-  if (recordedSHA != *stagedSHA) throw ReceiptError("output_sha256 must match staged image");
 
   const std::string text = Receipt::text(receipt);
   ReceiptLocation::ensureParentExists(receiptPath);

@@ -106,18 +106,19 @@ struct ReceiptLocation {
 // between never leaves one without the other.
 class ReceiptPairPublication {
  public:
+  // `stagedSize`, when the caller wrote the staged file itself and hashed
+  // those very bytes into the receipt, lets the check compare the file's
+  // size instead of reading it back.
   // Checks that the receipt's output hash is the staged file's (throws
   // ReceiptError "output_sha256 must match staged image"), writes the
   // receipt beside its final place as `stagedReceipt` (fsynced) and the
   // journal record named by `operationID`. Throws FileError or ReceiptError;
   // nothing is left behind on failure.
-  static ReceiptPairPublication prepare(const std::string& operationID,
-                                        const std::filesystem::path& stagedOutput,
-                                        const std::filesystem::path& output,
-                                        const nlohmann::ordered_json& receipt,
-                                        const std::filesystem::path& receiptPath,
-                                        const std::filesystem::path& stagedReceipt,
-                                        const std::filesystem::path& journalRoot);
+  static ReceiptPairPublication prepare(
+      const std::string& operationID, const std::filesystem::path& stagedOutput,
+      const std::filesystem::path& output, const nlohmann::ordered_json& receipt,
+      const std::filesystem::path& receiptPath, const std::filesystem::path& stagedReceipt,
+      const std::filesystem::path& journalRoot, std::optional<uint64_t> stagedSize = std::nullopt);
 
   // Moves the receipt, then the output into place. Without `replacing`, an
   // output that already exists is never replaced: FileError (EEXIST) and
