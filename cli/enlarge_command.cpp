@@ -346,6 +346,12 @@ int runEnlarge(const std::vector<std::string>& arguments) {
       ++failed;
       continue;
     }
+    if (!fs::is_regular_file(file, missing)) {
+      std::cout << file.filename().string() << ": “" << file.string()
+                << "” is not a regular file, so it was not read.\n";
+      ++failed;
+      continue;
+    }
     if (!isValidUtf8(file.string()) || !isValidUtf8(folder.string())) {
       std::cout << file.filename().string()
                 << ": its path is not valid UTF-8, which the export queue and receipts can’t "

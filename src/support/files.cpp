@@ -37,11 +37,13 @@ std::string FileError::description() const {
 }
 
 std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t maxBytes) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // O_NONBLOCK: opening a FIFO or a device named like a photo must not
+  // wait for a writer that never comes; it is refused just below.
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (fd.get() < 0) throw FileError(path, "open", errno);
   struct stat info {};
   if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);
-  if (S_ISDIR(info.st_mode)) throw FileError(path, "read", EISDIR);
+  if (!S_ISREG(info.st_mode)) throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
   if (static_cast<uint64_t>(info.st_size) > maxBytes) throw FileError(path, "read", EFBIG);
 
   std::vector<std::byte> bytes(static_cast<size_t>(info.st_size));
@@ -71,7 +73,7 @@ std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t m
 }
 
 MappedFile::MappedFile(const std::filesystem::path& path) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (fd.get() < 0) throw FileError(path, "open", errno);
   struct stat info {};
   if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);

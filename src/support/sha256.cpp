@@ -51,6 +51,9 @@ std::string sha256Hex(std::span<const std::byte> bytes) {
 }
 
 std::optional<std::string> sha256OfFile(const std::filesystem::path& path) {
+  // Only regular files: a FIFO would make the read wait for ever.
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) return std::nullopt;
   CHandle<FILE, fclose> file(std::fopen(path.c_str(), "rb"));
   if (!file) return std::nullopt;
   Sha256 sha;
