@@ -245,6 +245,31 @@ bool isStillImageName(const fs::path& path) {
   return extensions.contains(extension);
 }
 
+// File-manager order: digit runs compare as numbers, so "photo 2" comes
+// before "photo 10".
+bool naturalLess(const fs::path& a, const fs::path& b) {
+  const std::string x = a.string(), y = b.string();
+  size_t i = 0, j = 0;
+  while (i < x.size() && j < y.size()) {
+    if (std::isdigit(static_cast<unsigned char>(x[i])) &&
+        std::isdigit(static_cast<unsigned char>(y[j]))) {
+      size_t i2 = i, j2 = j;
+      while (i2 < x.size() && x[i2] == '0') ++i2;
+      while (j2 < y.size() && y[j2] == '0') ++j2;
+      size_t i3 = i2, j3 = j2;
+      while (i3 < x.size() && std::isdigit(static_cast<unsigned char>(x[i3]))) ++i3;
+      while (j3 < y.size() && std::isdigit(static_cast<unsigned char>(y[j3]))) ++j3;
+      if (i3 - i2 != j3 - j2) return i3 - i2 < j3 - j2;
+      if (const int c = x.compare(i2, i3 - i2, y, j2, j3 - j2); c != 0) return c < 0;
+      i = i3, j = j3;
+      continue;
+    }
+    if (x[i] != y[j]) return static_cast<unsigned char>(x[i]) < static_cast<unsigned char>(y[j]);
+    ++i, ++j;
+  }
+  return x.size() - i < y.size() - j || (x.size() - i == y.size() - j && x < y);
+}
+
 // The files to enlarge: each file argument as given, and the still images
 // of each folder in name order (inside folders too with --recursive, never
 // inside the output folder).
@@ -283,11 +308,10 @@ std::vector<fs::path> expandInputs(const Options& options) {
         consider(*it);
       }
     }
-    std::sort(found.begin(), found.end());
+    std::sort(found.begin(), found.end(), naturalLess);
     if (found.empty())
       std::cerr << "“" << argument.string() << "” holds no still images"
-                << (hasFolders ? " (add --recursive to look inside its folders)" : "")
-                << ".\n";
+                << (hasFolders ? " (add --recursive to look inside its folders)" : "") << ".\n";
     files.insert(files.end(), found.begin(), found.end());
   }
   return files;
