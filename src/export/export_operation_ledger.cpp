@@ -213,6 +213,17 @@ ExportReconciliation ExportOperationLedger::reconciliation(
                                      exists(record.intendedOutputPath));
 }
 
+std::vector<fs::path> ExportOperationLedger::removeEmptyRecords() const {
+  std::vector<fs::path> removed;
+  std::error_code error;
+  for (fs::directory_iterator it(m_folder, error), end; !error && it != end; it.increment(error)) {
+    std::error_code e;
+    if (it->path().extension() == ".json" && it->is_regular_file(e) && it->file_size(e) == 0 && !e)
+      removeIfPresent(it->path().string(), &removed);
+  }
+  return removed;
+}
+
 std::vector<fs::path> ExportOperationLedger::removeOrphanedStages() const {
   std::vector<fs::path> removed;
   for (const auto& r : all()) {

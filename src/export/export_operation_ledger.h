@@ -69,6 +69,9 @@ class ExportOperationLedger {
   // Removes the record and its staging files.
   void discard(const ExportOperationRecord& record) const;
   ExportReconciliation reconciliation(const ExportOperationRecord& record) const;
+  // Record files left empty by a crash between their creation and their
+  // one write, when nothing had been staged yet; returns the paths removed.
+  std::vector<std::filesystem::path> removeEmptyRecords() const;
   // Staging files named by records no longer in play (stage at least
   // "published"); returns the paths removed.
   std::vector<std::filesystem::path> removeOrphanedStages() const;

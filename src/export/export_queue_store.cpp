@@ -439,6 +439,7 @@ RecoveryReport ExportQueueStore::recoverInterruptedWork(const ExportOperationLed
   RecoveryReport report;
   for (const auto& folder : {m_directory, ledger.folder(), m_directory / "ReceiptPublications"})
     removeDeadTemporaries(folder, report.removedFiles);
+  for (auto& path : ledger.removeEmptyRecords()) report.removedFiles.push_back(std::move(path));
   // Receipt publications first: they decide whether a receipt at an
   // output's place describes it, before the ledger looks at the outputs.
   for (auto& path : ReceiptPairPublication::recoverInterrupted(m_directory))
