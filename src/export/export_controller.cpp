@@ -73,6 +73,11 @@ class WriteFailure : public Error {
 struct StopRequested {};
 // Thrown when the job was halted while this item waited.
 struct Halted {};
+// Thrown when an earlier attempt already published this item's output (its
+// bookkeeping was lost, as after a power cut): it is not exported again.
+struct AlreadyPublished {
+  fs::path output;
+};
 
 // Runs one stage of an item. An exception ends the item: a simulated crash
 // marks it interrupted, a stop or halt stopped, anything else failed with
@@ -141,6 +146,7 @@ struct ExportController::ItemRun {
   // Why the render stage ended the item early (failed, skipped, stopped).
   bool ended = false;
   bool interrupted = false;
+  bool alreadyPublished = false;
   // Filled by the render stage for the publisher.
   SourceImage facts;
   int64_t sourceWidth = 0, sourceHeight = 0;
@@ -364,7 +370,18 @@ void ExportController::renderStage(const Job& job, const JobItem& item, ItemRun&
   m_loop.post([this, &job, index = run.index] {
     if (m_observer.itemStarted) m_observer.itemStarted(job, index, job.items.size());
   });
-  if (!runStage(run, [&] { runRender(job, item, run); })) run.ended = true;
+  try {
+    if (!runStage(run, [&] { runRender(job, item, run); })) run.ended = true;
+  } catch (const AlreadyPublished& done) {
+    run.ended = true;
+    run.alreadyPublished = true;
+    run.result.kind = Result::Kind::exported;
+    run.result.output = done.output;
+    run.result.receipt = ReceiptLocation::existingURL(done.output);
+    run.result.width = run.size.width;
+    run.result.height = run.size.height;
+    run.result.format = run.format;
+  }
 }
 
 void ExportController::publishStage(const Job& job, const JobItem& item, ItemRun& run) {
@@ -395,6 +412,19 @@ void ExportController::publishStage(const Job& job, const JobItem& item, ItemRun
   // An export that did not get as far as publishing leaves nothing behind;
   // one the halt kept from starting stays pending for the next run.
   const bool haltedBefore = result.kind == Result::Kind::stopped && m_halted;
+  if (run.alreadyPublished) {
+    try {
+      markOnLoop(job, item, ExportQueueItemState::completed, result.output->string());
+    } catch (const Error&) {
+      // The file stands; the next launch finds it again.
+    }
+    m_loop.post([this, &job, result = std::move(result)] {
+      if (m_observer.itemFinished) m_observer.itemFinished(job, result);
+      m_report.results.push_back(result);
+    });
+    finishPublishing();
+    return;
+  }
   if (run.record && !run.published) m_ledger.discard(*run.record);
   if (haltedBefore && run.record) {
     try {
@@ -598,6 +628,9 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
   m_loop.post([&] {
     try {
       if (m_halted) throw Halted{};
+      if (item.assignedOutput && pathTaken(*item.assignedOutput) &&
+          Receipt::describesPublishedItem(*item.assignedOutput, item.id))
+        throw AlreadyPublished{*item.assignedOutput};
       run.output = chooseOutput(job, item, run.facts, run.size.width, run.size.height, run.format);
       run.receiptPath = ReceiptLocation::url(run.output, job.receiptsBesideExports);
       record.intendedOutputPath = run.output.string();
@@ -672,6 +705,9 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
   inputs.webpOptions = run.encoded.webpOptions;
   inputs.heifQuality = run.encoded.heifQuality;
   inputs.timings = run.timings;
+  inputs.jobID = job.id;
+  inputs.itemID = item.id;
+  inputs.operationID = record.operationID;
   if (job.options.method == ResampleMethod::estimate) {
     auto& engine = EstimateEngine::shared();
     inputs.estimate = EstimateProvenance{

@@ -291,6 +291,10 @@ nlohmann::ordered_json Receipt::build(const std::string& appVersion, const std::
   for (const auto& [stage, seconds] : inputs.timings) timings[stage] = seconds;
   document["timings"] = std::move(timings);
 
+  if (!inputs.itemID.empty())
+    document["operation"] = {
+        {"job_id", inputs.jobID}, {"item_id", inputs.itemID}, {"operation_id", inputs.operationID}};
+
   if (enhance) {
     const auto& estimate = *inputs.estimate;
     Json section;
@@ -304,6 +308,26 @@ nlohmann::ordered_json Receipt::build(const std::string& appVersion, const std::
     document["estimate"] = std::move(section);
   }
   return document;
+}
+
+bool Receipt::describesPublishedItem(const fs::path& output, const std::string& itemID) {
+  const auto receipt = ReceiptLocation::existingURL(output);
+  if (!receipt || itemID.empty()) return false;
+  try {
+    const auto bytes = readWholeFile(*receipt, size_t{1} << 24);
+    const auto document = nlohmann::json::parse(
+        reinterpret_cast<const char*>(bytes.data()),
+        reinterpret_cast<const char*>(bytes.data() + bytes.size()), nullptr, false);
+    if (!document.is_object()) return false;
+    const auto operation = document.find("operation");
+    if (operation == document.end() || !operation->is_object() ||
+        operation->value("item_id", std::string()) != itemID)
+      return false;
+    const auto recorded = outputSHA256(document);
+    return recorded && sha256(output) == recorded;
+  } catch (const Error&) {
+    return false;
+  }
 }
 
 std::string Receipt::text(const nlohmann::ordered_json& document) {

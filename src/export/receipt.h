@@ -75,6 +75,9 @@ struct ReceiptInputs {
   std::optional<EstimateProvenance> estimate;
   // Seconds per compute stage ("load", "render", "encode").
   std::map<std::string, double> timings;
+  // The export queue's job and item and the attempt: lets a resumed export
+  // recognise its own output. Recorded when the item id is set.
+  std::string jobID, itemID, operationID;
 };
 
 struct Receipt {
@@ -84,6 +87,10 @@ struct Receipt {
                                       WallTime created, const ReceiptInputs& inputs);
   // Pretty-printed JSON text of a document, ending with a newline.
   static std::string text(const nlohmann::ordered_json& document);
+  // Whether the receipt at an output's place says that this very item
+  // published the file that is there now.
+  static bool describesPublishedItem(const std::filesystem::path& output,
+                                     const std::string& itemID);
   // The output hash a receipt records, or none when it holds none.
   static std::optional<std::string> outputSHA256(const nlohmann::json& document);
   // Hex SHA-256 of a file, or none when it cannot be read.

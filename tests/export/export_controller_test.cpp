@@ -163,3 +163,34 @@ TEST_F(ControllerFixture, ACrashAfterPublicationIsCountedDoneAtTheNextLaunch) {
 
 }  // namespace
 }  // namespace tarnbloom::exporting
+
+namespace tarnbloom::exporting {
+namespace {
+
+TEST_F(ControllerFixture, AResumedItemWhoseFileIsAlreadyPublishedIsNotExportedAgain) {
+  start();
+  ASSERT_EQ(exportSource(out).results.at(0).kind, Result::Kind::exported);
+  ASSERT_EQ(filesIn(out).size(), 2u);
+  // The queue forgets the completion, as a power cut before its save could
+  // make it; the file and its receipt stand under the reserved name.
+  const PersistedExportJob stored = queue->jobs().at(0);
+  queue->mark(stored.id, stored.items[0].id, ExportQueueItemState::running);
+
+  JobReport report;
+  ExportObserver observer;
+  observer.jobFinished = [&](const Job&, const JobReport& r, const JobOutcome&) {
+    report = r;
+    loop.quit();
+  };
+  controller->setObserver(observer);
+  controller->resume(*queue->job(stored.id));
+  loop.run();
+  ASSERT_EQ(report.results.size(), 1u);
+  EXPECT_EQ(report.results[0].kind, Result::Kind::exported);
+  EXPECT_EQ(report.results[0].output, out / "photo_320x240.png");
+  EXPECT_EQ(filesIn(out).size(), 2u);
+  EXPECT_EQ(queue->jobs().at(0).items[0].state, ExportQueueItemState::completed);
+}
+
+}  // namespace
+}  // namespace tarnbloom::exporting
