@@ -24,35 +24,13 @@
 
 using namespace tarnbloom;
 
-// Float32 multiply-adds per second with independent AVX-512 FMA chains on
-// every core: the ceiling any convolution can reach.
-__attribute__((target("avx512f"))) double measurePeakGflops() {
-  const int64_t iterations = 200'000'000 / 16;
-  double best = 0;
-  for (int run = 0; run < 3; ++run) {
-    const auto start = std::chrono::steady_clock::now();
-#pragma omp parallel
-    {
-      __m512 a[12];
-      for (int i = 0; i < 12; ++i) a[i] = _mm512_set1_ps(1.0f + i * 1e-7f);
-      const __m512 b = _mm512_set1_ps(0.999999f), c = _mm512_set1_ps(1e-7f);
-      for (int64_t k = 0; k < iterations; ++k)
-        for (int i = 0; i < 12; ++i) a[i] = _mm512_fmadd_ps(a[i], b, c);
-      float sink = 0;
-      for (int i = 0; i < 12; ++i) sink += _mm512_reduce_add_ps(a[i]);
-      if (sink == 42) std::printf(" ");
-    }
-    const double seconds = bench::secondsSince(start);
-    best = std::max(best, omp_get_max_threads() * iterations * 12.0 * 16 * 2 / seconds / 1e9);
-  }
-  return best;
-}
-
-// The same for BF16 dot products (vdpbf16ps: 32 multiply-adds of BF16
-// pairs into float32 each), counted as two operations per multiply-add
-// like the float32 figure. Whether BF16 can double the arithmetic rate on
-// this processor is this ratio, not a datasheet's.
-__attribute__((target("avx512f,avx512bf16"))) double measureBf16PeakGflops() {
+// Multiply-adds per second with 12 independent AVX-512 chains on every
+// core: the ceiling any convolution can reach. Float32 uses FMA (16 per
+// instruction); BF16 uses dot products (vdpbf16ps: 32 multiply-adds of
+// BF16 pairs into float32). Both count two operations per multiply-add, so
+// whether BF16 can double the arithmetic rate on this processor is the
+// ratio of the two, not a datasheet's.
+__attribute__((target("avx512f,avx512bf16"))) double measurePeakGflops(bool bf16) {
   const int64_t iterations = 100'000'000 / 16;
   double best = 0;
   for (int run = 0; run < 3; ++run) {
@@ -61,30 +39,39 @@ __attribute__((target("avx512f,avx512bf16"))) double measureBf16PeakGflops() {
     {
       __m512 a[12];
       for (int i = 0; i < 12; ++i) a[i] = _mm512_set1_ps(1.0f + i * 1e-7f);
-      const __m512bh b = (__m512bh)_mm512_set1_epi16(0x3f80);
-      for (int64_t k = 0; k < iterations; ++k)
-        for (int i = 0; i < 12; ++i) a[i] = _mm512_dpbf16_ps(a[i], b, b);
+      if (bf16) {
+        const __m512bh b = (__m512bh)_mm512_set1_epi16(0x3f80);
+        for (int64_t k = 0; k < iterations; ++k)
+          for (int i = 0; i < 12; ++i) a[i] = _mm512_dpbf16_ps(a[i], b, b);
+      } else {
+        const __m512 b = _mm512_set1_ps(0.999999f), c = _mm512_set1_ps(1e-7f);
+        for (int64_t k = 0; k < iterations; ++k)
+          for (int i = 0; i < 12; ++i) a[i] = _mm512_fmadd_ps(a[i], b, c);
+      }
       float sink = 0;
       for (int i = 0; i < 12; ++i) sink += _mm512_reduce_add_ps(a[i]);
       if (sink == 42) std::printf(" ");
     }
     const double seconds = bench::secondsSince(start);
-    best = std::max(best, omp_get_max_threads() * iterations * 12.0 * 32 * 2 / seconds / 1e9);
+    const double perInstruction = bf16 ? 32 : 16;
+    best = std::max(best,
+                    omp_get_max_threads() * iterations * 12.0 * perInstruction * 2 / seconds / 1e9);
   }
   return best;
 }
 
 int main(int argc, char** argv) {
-  const std::string model = argc > 1 ? argv[1] : std::string(TARNBLOOM_SOURCE_DIR) + "/models/realesr-general-x4v3.param";
+  const std::string model =
+      argc > 1 ? argv[1] : std::string(TARNBLOOM_SOURCE_DIR) + "/models/realesr-general-x4v3.param";
   const SrvggNetwork network = SrvggNetwork::read(model);
   const double tileGflop = network.flopsPerInputPixel() * 256 * 256 / 1e9;
-  const double peak = measurePeakGflops();
-  std::printf("float32 peak: %.0f GFLOP/s on %d threads; one tile is %.1f GFLOP (floor %.3f s)\n", peak,
-              omp_get_max_threads(), tileGflop, tileGflop / peak);
+  const double peak = measurePeakGflops(false);
+  std::printf("float32 peak: %.0f GFLOP/s on %d threads; one tile is %.1f GFLOP (floor %.3f s)\n",
+              peak, omp_get_max_threads(), tileGflop, tileGflop / peak);
   if (EstimateNetwork::processorHasBf16()) {
-    const double bf16Peak = measureBf16PeakGflops();
-    std::printf("bf16 dot-product peak: %.0f GFLOP/s, %.2fx the float32 peak (floor %.3f s)\n", bf16Peak,
-                bf16Peak / peak, tileGflop / bf16Peak);
+    const double bf16Peak = measurePeakGflops(true);
+    std::printf("bf16 dot-product peak: %.0f GFLOP/s, %.2fx the float32 peak (floor %.3f s)\n",
+                bf16Peak, bf16Peak / peak, tileGflop / bf16Peak);
   }
 
   std::vector<float> input(3 * 256 * 256);
@@ -93,7 +80,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 256 * 256; ++i) input[c * 65536 + i] = photo.rgb[i * 3 + c] / 255.0f;
   std::vector<float> fp32(3 * 1024 * 1024), bf16(fp32.size());
 
-  for (const auto precision : {EstimateNetwork::Precision::fp32, EstimateNetwork::Precision::bf16}) {
+  for (const auto precision :
+       {EstimateNetwork::Precision::fp32, EstimateNetwork::Precision::bf16}) {
     if (precision == EstimateNetwork::Precision::bf16 && !EstimateNetwork::processorHasBf16()) {
       std::printf("bf16: this processor has no native BF16\n");
       continue;
@@ -108,18 +96,21 @@ int main(int argc, char** argv) {
       best = std::min(best, bench::secondsSince(start));
     }
     std::printf("%s: %.3f s per tile, %.0f GFLOP/s, %.0f%% of the float32 peak\n",
-                precision == EstimateNetwork::Precision::fp32 ? "fp32" : "bf16", best, tileGflop / best,
-                100 * tileGflop / best / peak);
+                precision == EstimateNetwork::Precision::fp32 ? "fp32" : "bf16", best,
+                tileGflop / best, 100 * tileGflop / best / peak);
   }
   if (EstimateNetwork::processorHasBf16()) {
     double worst = 0, sum = 0;
     for (size_t i = 0; i < fp32.size(); ++i) {
-      const double d = std::abs(std::clamp(fp32[i], 0.0f, 1.0f) - std::clamp(bf16[i], 0.0f, 1.0f)) * 255;
+      const double d =
+          std::abs(std::clamp(fp32[i], 0.0f, 1.0f) - std::clamp(bf16[i], 0.0f, 1.0f)) * 255;
       worst = std::max(worst, d);
       sum += d;
     }
-    std::printf("bf16 against fp32 on a real photo tile: largest %.2f/255, mean %.3f/255 (limit for default use: 2/255)\n",
-                worst, sum / fp32.size());
+    std::printf(
+        "bf16 against fp32 on a real photo tile: largest %.2f/255, mean %.3f/255 (limit for "
+        "default use: 2/255)\n",
+        worst, sum / fp32.size());
   }
   // For bench/estimate_vs_torch.sh: the tile and our float32 answer.
   if (argc > 3 && std::string(argv[2]) == "--dump") {

@@ -410,18 +410,14 @@ int runEnlarge(const std::vector<std::string>& arguments) {
       facts.formatToken = std::string(encoding::rawValue(format));
       facts.index = static_cast<int64_t>(i) + 1;
       facts.scaleFactor = resolved.scaleFactor;
-      const auto onDisk = [](const fs::path& path) {
-        std::error_code error;
-        return fs::exists(fs::symlink_status(path, error));
-      };
       const auto taken = [&](const fs::path& path) {
-        return planned.contains(path) || onDisk(path);
+        return planned.contains(path) || entryExists(path);
       };
       try {
         const fs::path first =
             encoding::NamingEngine::firstCandidatePath(folder, options.nameTemplate, facts);
         const bool sourceItself = ResampleEngine::isSourceDestination(first, file);
-        if (options.ifExists == IfExists::skip && onDisk(first) && !planned.contains(first)) {
+        if (options.ifExists == IfExists::skip && entryExists(first) && !planned.contains(first)) {
           std::cout << file.filename().string() << ": skipped. “" << first.filename().string()
                     << "” already exists.\n";
           ++skipped;
@@ -429,7 +425,7 @@ int runEnlarge(const std::vector<std::string>& arguments) {
         }
         if (options.ifExists == IfExists::overwrite && !sourceItself && !planned.contains(first)) {
           assigned = first;
-          replaceAny = replaceAny || onDisk(first);
+          replaceAny = replaceAny || entryExists(first);
         } else {
           assigned = encoding::NamingEngine::resolveOutputPath(folder, options.nameTemplate, facts,
                                                                true, taken);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <memory>
 
@@ -16,6 +17,11 @@ namespace tarnbloom {
 // colorant matrix directly; other profiles through lcms2. Colours outside
 // sRGB keep negative or >1 components, so nothing is clipped until output.
 FloatImage convertToLinear(const codec::PixelBuffer& bitmap, const codec::ColourSpace& space);
+
+// The sRGB transfer curve, encoded 0...1 to linear light.
+inline float linearFromSRGB(double v) {
+  return static_cast<float>(v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4));
+}
 
 // Converts working-format rows to 8- or 16-bit pixels in a target colour
 // space (un-premultiplying alpha). Built once per render; thread-safe to use.

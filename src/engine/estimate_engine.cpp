@@ -221,4 +221,9 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
   return result;
 }
 
+std::string EstimateEngine::tilingText() {
+  return std::to_string(tileSize) + "×" + std::to_string(tileSize) + " tiles, " +
+         std::to_string(context) + " px context, " + std::to_string(featherWidth) + " px feather";
+}
+
 }  // namespace tarnbloom

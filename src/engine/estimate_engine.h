@@ -69,6 +69,9 @@ class EstimateEngine {
   const SrvggNetwork& model();
   std::string precisionText();
   std::string artifactDigest();  // SHA-256 of the param and bin files
+  // "256×256 tiles, 16 px context, 128 px feather": how results are tiled.
+  static std::string tilingText();
+  static constexpr const char* computeUnits = "CPU (oneDNN)";
 
   // Replaces the model, for tests and experiments.
   void useModel(SrvggNetwork network, std::string digest);

@@ -15,10 +15,6 @@
 namespace tarnbloom {
 namespace {
 
-float srgbToLinear(float v) {
-  return v <= 0.04045f ? v / 12.92f : std::pow((v + 0.055f) / 1.055f, 2.4f);
-}
-
 uint8_t premultiplied(uint8_t colour, uint8_t alpha) {
   return static_cast<uint8_t>((colour * alpha + 127) / 255);
 }
@@ -87,7 +83,7 @@ codec::PixelBuffer ResampleEngine::renderEstimate(ResampleTarget target, const R
   if (cancel && cancel->load()) throw EngineError::cancelled();
 
   float decode[256];
-  for (int v = 0; v < 256; ++v) decode[v] = srgbToLinear(v / 255.0f);
+  for (int v = 0; v < 256; ++v) decode[v] = linearFromSRGB(v / 255.0);
   codec::PixelBuffer result;
   result.allocate(static_cast<int>(target.width), static_cast<int>(target.height), converter.channels(),
                   converter.format());

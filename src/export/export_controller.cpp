@@ -37,11 +37,6 @@ std::string errorText(const Error& error) {
   return text;
 }
 
-bool pathTaken(const fs::path& path) {
-  std::error_code error;
-  return fs::exists(fs::symlink_status(path, error));
-}
-
 // "name 2.png", "name 3.png", ... for an output whose reserved name was
 // taken by something else meanwhile.
 fs::path numberedAlternative(const fs::path& path,
@@ -535,7 +530,7 @@ fs::path ExportController::chooseOutput(const Job& job, const JobItem& item,
   for (const auto& other : job.items)
     if (other.id != item.id && other.assignedOutput) reserved.insert(*other.assignedOutput);
   const auto taken = [&](const fs::path& path) {
-    return reserved.contains(path) || pathTaken(path) ||
+    return reserved.contains(path) || entryExists(path) ||
            ResampleEngine::isSourceDestination(path, facts.url);
   };
 
@@ -545,7 +540,7 @@ fs::path ExportController::chooseOutput(const Job& job, const JobItem& item,
     fs::create_directories(assigned.parent_path(), error);
     if (ResampleEngine::isSourceDestination(assigned, facts.url))
       throw SourceProtectionError(SourceProtectionError::Case::destinationIsSource);
-    if (!pathTaken(assigned) || job.replaceExisting()) return assigned;
+    if (!entryExists(assigned) || job.replaceExisting()) return assigned;
     return numberedAlternative(assigned, taken);
   }
   encoding::NamingFacts naming;
@@ -566,10 +561,12 @@ fs::path ExportController::chooseOutput(const Job& job, const JobItem& item,
   return encoding::NamingEngine::resolveOutputPath(folder, templ, naming, true, taken);
 }
 
+// Between steps: the item in hand ends here when a stop was asked for.
+void ExportController::throwIfStopped() const {
+  if (m_stop) throw StopRequested{};
+}
+
 void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& run) {
-  const auto checkStop = [&] {
-    if (m_stop) throw StopRequested{};
-  };
   Result& result = run.result;
   if (item.unavailable) {
     result.kind = Result::Kind::failed;
@@ -594,7 +591,7 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
     run.ended = true;
     return;
   }
-  checkStop();
+  throwIfStopped();
 
   // 3. Size and claims.
   run.facts = source;
@@ -628,7 +625,7 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
   m_loop.post([&] {
     try {
       if (m_halted) throw Halted{};
-      if (item.assignedOutput && pathTaken(*item.assignedOutput) &&
+      if (item.assignedOutput && entryExists(*item.assignedOutput) &&
           Receipt::describesPublishedItem(*item.assignedOutput, item.id))
         throw AlreadyPublished{*item.assignedOutput};
       run.output = chooseOutput(job, item, run.facts, run.size.width, run.size.height, run.format);
@@ -674,19 +671,16 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
 }
 
 void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& run) {
-  const auto checkStop = [&] {
-    if (m_stop) throw StopRequested{};
-  };
   ExportOperationRecord& record = *run.record;
   const fs::path& output = run.output;
-  checkStop();
+  throwIfStopped();
   // 7 (second half). The staging file beside the destination.
   try {
     m_dependencies.writeStaged(record.stagedPath, run.encoded.bytes);
   } catch (const FileError& error) {
     throw WriteFailure(output, error.errnoValue());
   }
-  checkStop();
+  throwIfStopped();
 
   // 8. The receipt, then the record says "publishing".
   ReceiptInputs inputs;
@@ -711,14 +705,9 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
   if (job.options.method == ResampleMethod::estimate) {
     auto& engine = EstimateEngine::shared();
     inputs.estimate = EstimateProvenance{
-        EstimateEngine::modelName,
-        EstimateEngine::modelVersion,
-        engine.artifactDigest(),
-        std::to_string(EstimateEngine::tileSize) + "×" + std::to_string(EstimateEngine::tileSize) +
-            " tiles, " + std::to_string(EstimateEngine::context) + " px context, " +
-            std::to_string(EstimateEngine::featherWidth) + " px feather",
-        "CPU (oneDNN)",
-        EstimateEngine::clampStrength(job.options.estimateStrength),
+        EstimateEngine::modelName,    EstimateEngine::modelVersion,
+        engine.artifactDigest(),      EstimateEngine::tilingText(),
+        EstimateEngine::computeUnits, EstimateEngine::clampStrength(job.options.estimateStrength),
         engine.precisionText()};
   }
   const auto document = Receipt::build(m_dependencies.appVersion, m_dependencies.appBuild,
@@ -730,7 +719,7 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
       record.operationID, record.stagedPath, output, document, run.receiptPath,
       record.stagedReceiptPath, m_queue.stateDirectory(), run.encoded.bytes.size());
   m_ledger.advance(record, OperationStage::publishing);
-  checkStop();
+  throwIfStopped();
 
   // 9. Output and receipt together, or neither.
   try {

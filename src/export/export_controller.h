@@ -200,6 +200,7 @@ class ExportController {
   void publishStage(const Job& job, const JobItem& item, ItemRun& run);
   void runPublish(const Job& job, const JobItem& item, ItemRun& run);
   void finishPublishing();
+  void throwIfStopped() const;
   // After the queue file was saved: the records of the completions it now
   // holds go.
   void clearSavedCompletions();

@@ -18,16 +18,6 @@ namespace {
 
 constexpr std::string_view kStageNames[] = {"planned", "publishing", "published", "committed"};
 
-bool exists(const std::string& path) {
-  std::error_code error;
-  return !path.empty() && fs::exists(fs::symlink_status(path, error));
-}
-
-void removeIfPresent(const std::string& path, std::vector<fs::path>* removed = nullptr) {
-  std::error_code error;
-  if (!path.empty() && fs::remove(path, error) && removed) removed->emplace_back(path);
-}
-
 nlohmann::ordered_json encode(const ExportOperationRecord& r) {
   nlohmann::ordered_json json = {
       {"operationID", r.operationID},
@@ -202,15 +192,15 @@ bool ExportOperationLedger::clear(const std::string& operationID) const {
 }
 
 void ExportOperationLedger::discard(const ExportOperationRecord& record) const {
-  removeIfPresent(record.stagedPath);
-  removeIfPresent(record.stagedReceiptPath);
+  removeFileIfPresent(record.stagedPath);
+  removeFileIfPresent(record.stagedReceiptPath);
   clear(record.operationID);
 }
 
 ExportReconciliation ExportOperationLedger::reconciliation(
     const ExportOperationRecord& record) const {
-  return ExportReconciler::reconcile(record.stage, exists(record.stagedPath),
-                                     exists(record.intendedOutputPath));
+  return ExportReconciler::reconcile(record.stage, entryExists(record.stagedPath),
+                                     entryExists(record.intendedOutputPath));
 }
 
 std::vector<fs::path> ExportOperationLedger::removeEmptyRecords() const {
@@ -219,7 +209,7 @@ std::vector<fs::path> ExportOperationLedger::removeEmptyRecords() const {
   for (fs::directory_iterator it(m_folder, error), end; !error && it != end; it.increment(error)) {
     std::error_code e;
     if (it->path().extension() == ".json" && it->is_regular_file(e) && it->file_size(e) == 0 && !e)
-      removeIfPresent(it->path().string(), &removed);
+      removeFileIfPresent(it->path().string(), &removed);
   }
   return removed;
 }
@@ -228,8 +218,8 @@ std::vector<fs::path> ExportOperationLedger::removeOrphanedStages() const {
   std::vector<fs::path> removed;
   for (const auto& r : all()) {
     if (r.stage < OperationStage::published) continue;
-    removeIfPresent(r.stagedPath, &removed);
-    removeIfPresent(r.stagedReceiptPath, &removed);
+    removeFileIfPresent(r.stagedPath, &removed);
+    removeFileIfPresent(r.stagedReceiptPath, &removed);
   }
   return removed;
 }

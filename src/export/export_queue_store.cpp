@@ -132,11 +132,6 @@ bool isUnfinished(ExportQueueItemState state) {
   return state == ExportQueueItemState::pending || state == ExportQueueItemState::running;
 }
 
-void removeIfPresent(const fs::path& path, std::vector<fs::path>& removed) {
-  std::error_code error;
-  if (fs::remove(path, error)) removed.push_back(path);
-}
-
 // Temporary files of atomic writes a crash interrupted (".name.UUID.tmp").
 // Only this process writes the state folder while it holds the queue, so
 // any such file is dead.
@@ -145,7 +140,7 @@ void removeDeadTemporaries(const fs::path& folder, std::vector<fs::path>& remove
   for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
     const std::string name = it->path().filename().string();
     if (name.starts_with(".") && name.ends_with(".tmp") && it->is_regular_file(error))
-      removeIfPresent(it->path(), removed);
+      removeFileIfPresent(it->path(), &removed);
   }
 }
 
@@ -173,8 +168,7 @@ ExportQueueStore::ExportQueueStore(fs::path stateDirectory)
 
 void ExportQueueStore::load() {
   const fs::path file = fileURL();
-  std::error_code error;
-  if (!fs::exists(fs::symlink_status(file, error))) return;
+  if (!entryExists(file)) return;
   std::string text;
   try {
     const auto bytes = readWholeFile(file, size_t{1} << 30);
@@ -451,9 +445,9 @@ RecoveryReport ExportQueueStore::recoverInterruptedWork(const ExportOperationLed
     if (!item) {
       // Its job is gone from the queue: nothing will ever run it again.
       if (verdict == ExportReconciliation::notPublished) {
-        removeIfPresent(record.stagedPath, report.removedFiles);
+        removeFileIfPresent(record.stagedPath, &report.removedFiles);
         if (!record.stagedReceiptPath.empty())
-          removeIfPresent(record.stagedReceiptPath, report.removedFiles);
+          removeFileIfPresent(record.stagedReceiptPath, &report.removedFiles);
       }
       ledger.clear(record.operationID);
       ++report.recordsCleared;
@@ -468,9 +462,9 @@ RecoveryReport ExportQueueStore::recoverInterruptedWork(const ExportOperationLed
         ++report.completed;
         break;
       case ExportReconciliation::notPublished:
-        removeIfPresent(record.stagedPath, report.removedFiles);
+        removeFileIfPresent(record.stagedPath, &report.removedFiles);
         if (!record.stagedReceiptPath.empty())
-          removeIfPresent(record.stagedReceiptPath, report.removedFiles);
+          removeFileIfPresent(record.stagedReceiptPath, &report.removedFiles);
         // The reserved name stays with the item for its next run.
         item->state = ExportQueueItemState::pending;
         item->operationID.reset();

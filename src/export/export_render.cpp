@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "encoding/image_writer.h"
+#include "engine/colour_conversion.h"
 #include "encoding/jpeg_encoder.h"
 #include "encoding/output_metadata.h"
 #include "encoding/webp_encoder.h"
@@ -13,10 +14,6 @@ namespace tarnbloom::exporting {
 using encoding::ExportFormat;
 
 namespace {
-
-float linearFromSRGB(double c) {
-  return static_cast<float>(c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4));
-}
 
 class StageClock {
  public:

@@ -39,13 +39,6 @@ bool isDigest(std::string_view text) {
   return true;
 }
 
-// lstat-based, so that a dangling link at the output's name still counts as
-// taken and is never replaced without asking.
-bool entryExists(const fs::path& path) {
-  struct stat info {};
-  return ::lstat(path.c_str(), &info) == 0;
-}
-
 bool removeEntry(const fs::path& path) { return ::unlink(path.c_str()) == 0; }
 
 fs::path absoluteOrSame(const fs::path& path) {

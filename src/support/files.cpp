@@ -32,8 +32,20 @@ FileError::FileError(std::filesystem::path path, std::string action, int errnoVa
     : m_path(std::move(path)), m_action(std::move(action)), m_errno(errnoValue) {}
 
 std::string FileError::description() const {
-  return "Couldn’t " + m_action + " “" + m_path.filename().string() + "”: " +
-         std::strerror(m_errno) + ".";
+  return "Couldn’t " + m_action + " “" + m_path.filename().string() +
+         "”: " + std::strerror(m_errno) + ".";
+}
+
+bool entryExists(const std::filesystem::path& path) {
+  struct stat info {};
+  return !path.empty() && ::lstat(path.c_str(), &info) == 0;
+}
+
+bool removeFileIfPresent(const std::filesystem::path& path,
+                         std::vector<std::filesystem::path>* removed) {
+  if (path.empty() || ::unlink(path.c_str()) != 0) return false;
+  if (removed) removed->push_back(path);
+  return true;
 }
 
 std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t maxBytes) {
@@ -43,7 +55,8 @@ std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t m
   if (fd.get() < 0) throw FileError(path, "open", errno);
   struct stat info {};
   if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);
-  if (!S_ISREG(info.st_mode)) throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
+  if (!S_ISREG(info.st_mode))
+    throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
   if (static_cast<uint64_t>(info.st_size) > maxBytes) throw FileError(path, "read", EFBIG);
 
   std::vector<std::byte> bytes(static_cast<size_t>(info.st_size));
@@ -77,7 +90,8 @@ MappedFile::MappedFile(const std::filesystem::path& path) {
   if (fd.get() < 0) throw FileError(path, "open", errno);
   struct stat info {};
   if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);
-  if (!S_ISREG(info.st_mode)) throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
+  if (!S_ISREG(info.st_mode))
+    throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
   m_size = static_cast<size_t>(info.st_size);
   if (m_size == 0) return;
   m_data = ::mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, fd.get(), 0);
@@ -112,7 +126,8 @@ void AtomicFileWriter::write(std::string_view text) {
 
 void AtomicFileWriter::commit(Durability durability) {
   if (m_fd < 0) throw FileError(m_target, "write", EBADF);
-  if (durability == Durability::durable && ::fsync(m_fd) != 0) throw FileError(m_target, "write", errno);
+  if (durability == Durability::durable && ::fsync(m_fd) != 0)
+    throw FileError(m_target, "write", errno);
   const int fd = m_fd;
   m_fd = -1;
   if (::close(fd) != 0) {
@@ -126,7 +141,8 @@ void AtomicFileWriter::commit(Durability durability) {
     throw FileError(m_target, "write", error);
   }
   m_temporary.clear();
-  if (durability == Durability::durable) syncFolder(m_target.has_parent_path() ? m_target.parent_path() : ".");
+  if (durability == Durability::durable)
+    syncFolder(m_target.has_parent_path() ? m_target.parent_path() : ".");
 }
 
 bool AtomicFileWriter::commitWithoutReplacing() {
@@ -139,7 +155,8 @@ bool AtomicFileWriter::commitWithoutReplacing() {
   if (m_temporary.empty()) throw FileError(m_target, "write", EBADF);
   // renameat2 refuses to replace atomically; file systems without it get a
   // hard link, which also fails when the name is taken.
-  if (::renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_target.c_str(), RENAME_NOREPLACE) != 0) {
+  if (::renameat2(AT_FDCWD, m_temporary.c_str(), AT_FDCWD, m_target.c_str(), RENAME_NOREPLACE) !=
+      0) {
     if (errno == EEXIST) return false;
     if (errno != EINVAL && errno != ENOSYS) throw FileError(m_target, "write", errno);
     if (::link(m_temporary.c_str(), m_target.c_str()) != 0) {
@@ -185,7 +202,8 @@ void writeFileAtomically(const std::filesystem::path& path, std::span<const std:
   writer.commit(durability);
 }
 
-void writeFileAtomically(const std::filesystem::path& path, std::string_view text, Durability durability) {
+void writeFileAtomically(const std::filesystem::path& path, std::string_view text,
+                         Durability durability) {
   writeFileAtomically(path, std::as_bytes(std::span(text.data(), text.size())), durability);
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cstddef>
 #include <unistd.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <span>
 #include <string>
@@ -48,6 +48,14 @@ class FileDescriptor {
   int m_fd;
 };
 
+// Whether anything has this name, a dangling symbolic link included, so
+// that a taken name is never treated as free.
+bool entryExists(const std::filesystem::path& path);
+
+// Removes a file; true when there was one. Adds the path to `removed` when given.
+bool removeFileIfPresent(const std::filesystem::path& path,
+                         std::vector<std::filesystem::path>* removed = nullptr);
+
 // Reads a whole regular file. Refuses more than maxBytes (ENOSPC-free guard
 // against a device or a file that grows without end).
 std::vector<std::byte> readWholeFile(const std::filesystem::path& path,
@@ -61,7 +69,9 @@ class MappedFile {
   ~MappedFile();
   MappedFile(const MappedFile&) = delete;
   MappedFile& operator=(const MappedFile&) = delete;
-  std::span<const std::byte> bytes() const { return {static_cast<const std::byte*>(m_data), m_size}; }
+  std::span<const std::byte> bytes() const {
+    return {static_cast<const std::byte*>(m_data), m_size};
+  }
 
  private:
   void* m_data = nullptr;
