@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,7 +35,8 @@ TempDir::~TempDir() {
 
 void writeBytes(const std::filesystem::path& path, std::span<const std::byte> bytes) {
   std::ofstream out(path, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
   if (!out) throw std::runtime_error("cannot write " + path.string());
 }
 
@@ -68,6 +70,16 @@ int runCommand(const std::string& command, std::string* output) {
 
 std::filesystem::path samplePath(const std::string& name) {
   return std::filesystem::path(TARNBLOOM_SOURCE_DIR) / "samples" / name;
+}
+
+std::vector<std::filesystem::path> filesIn(const std::filesystem::path& folder) {
+  std::vector<std::filesystem::path> files;
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator it(folder, error), end; !error && it != end;
+       it.increment(error))
+    if (it->is_regular_file(error)) files.push_back(it->path());
+  std::sort(files.begin(), files.end());
+  return files;
 }
 
 }  // namespace tarnbloom::testing

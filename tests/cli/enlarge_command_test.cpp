@@ -27,12 +27,6 @@ TEST(EnlargeCommand, EnhanceWithoutAModelSaysWhatIsMissingAndWritesNothing) {
             1);
 }
 
-}  // namespace
-}  // namespace tarnbloom
-
-namespace tarnbloom {
-namespace {
-
 namespace fs = std::filesystem;
 
 int enlarge(const fs::path& home, const std::string& arguments, std::string* output = nullptr) {

@@ -23,6 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using testing::filesIn;
 
 struct ToolRun {
   int status = -1;  // exit status, or -1 when killed
@@ -57,16 +58,6 @@ ToolRun runTool(const fs::path& home, const std::vector<std::string>& arguments,
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   if (WIFEXITED(status)) run.status = WEXITSTATUS(status);
   return run;
-}
-
-std::vector<fs::path> filesIn(const fs::path& folder) {
-  std::vector<fs::path> files;
-  std::error_code error;
-  for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
-       it.increment(error))
-    if (it->is_regular_file()) files.push_back(it->path());
-  std::sort(files.begin(), files.end());
-  return files;
 }
 
 nlohmann::json readJson(const fs::path& path) {

@@ -17,16 +17,8 @@ namespace tarnbloom::exporting {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::filesIn;
 using testing::TempDir;
-
-std::vector<fs::path> filesIn(const fs::path& folder) {
-  std::vector<fs::path> files;
-  std::error_code error;
-  for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end;
-       it.increment(error))
-    if (it->is_regular_file()) files.push_back(it->path());
-  return files;
-}
 
 struct ControllerFixture : ::testing::Test {
   TempDir dir;
@@ -63,7 +55,8 @@ struct ControllerFixture : ::testing::Test {
     controller->submit(std::move(submission));
   }
 
-  JobReport exportSource(const fs::path& folder) {
+  // Starts a job with `begin` and runs the loop until it ends.
+  JobReport runJob(const std::function<void()>& begin) {
     JobReport report;
     ExportObserver observer;
     observer.jobFinished = [&](const Job&, const JobReport& r, const JobOutcome&) {
@@ -71,9 +64,13 @@ struct ControllerFixture : ::testing::Test {
       loop.quit();
     };
     controller->setObserver(observer);
-    submit(folder);
+    begin();
     loop.run();
     return report;
+  }
+
+  JobReport exportSource(const fs::path& folder) {
+    return runJob([&] { submit(folder); });
   }
 
   void expectFailedLeavingNothing(const JobReport& report, const fs::path& folder,
@@ -161,12 +158,6 @@ TEST_F(ControllerFixture, ACrashAfterPublicationIsCountedDoneAtTheNextLaunch) {
   EXPECT_EQ(filesIn(out).size(), 2u);
 }
 
-}  // namespace
-}  // namespace tarnbloom::exporting
-
-namespace tarnbloom::exporting {
-namespace {
-
 TEST_F(ControllerFixture, AResumedItemWhoseFileIsAlreadyPublishedIsNotExportedAgain) {
   start();
   ASSERT_EQ(exportSource(out).results.at(0).kind, Result::Kind::exported);
@@ -176,15 +167,7 @@ TEST_F(ControllerFixture, AResumedItemWhoseFileIsAlreadyPublishedIsNotExportedAg
   const PersistedExportJob stored = queue->jobs().at(0);
   queue->mark(stored.id, stored.items[0].id, ExportQueueItemState::running);
 
-  JobReport report;
-  ExportObserver observer;
-  observer.jobFinished = [&](const Job&, const JobReport& r, const JobOutcome&) {
-    report = r;
-    loop.quit();
-  };
-  controller->setObserver(observer);
-  controller->resume(*queue->job(stored.id));
-  loop.run();
+  const JobReport report = runJob([&] { controller->resume(*queue->job(stored.id)); });
   ASSERT_EQ(report.results.size(), 1u);
   EXPECT_EQ(report.results[0].kind, Result::Kind::exported);
   EXPECT_EQ(report.results[0].output, out / "photo_320x240.png");
