@@ -1,48 +1,11 @@
 #include <gtest/gtest.h>
 
 #include "encoding/colour_policy.h"
-#include "encoding/export_format.h"
 #include "support/settings.h"
 #include "test_support.h"
 
 namespace tarnbloom::encoding {
 namespace {
-
-TEST(ExportFormat, SameAsSourceFollowsTheExtensionTable) {
-  const auto all = [](ExportFormat) { return true; };
-  const auto noHeif = [](ExportFormat f) { return f != ExportFormat::avif && f != ExportFormat::heic; };
-  struct Case {
-    const char* name;
-    ExportFormat everything, withoutHeif;
-  };
-  for (const Case& c : std::vector<Case>{
-           {"a.JPEG", ExportFormat::jpeg, ExportFormat::jpeg},
-           {"a.jpg", ExportFormat::jpeg, ExportFormat::jpeg},
-           {"a.png", ExportFormat::png, ExportFormat::png},
-           {"a.tiff", ExportFormat::tiff, ExportFormat::tiff},
-           // TIFF-structured RAW files must not count as TIFF.
-           {"a.DNG", ExportFormat::tiff, ExportFormat::tiff},
-           {"a.cr3", ExportFormat::tiff, ExportFormat::tiff},
-           {"a.webp", ExportFormat::webp, ExportFormat::webp},
-           {"a.avif", ExportFormat::avif, ExportFormat::jpeg},
-           {"a.heif", ExportFormat::heic, ExportFormat::jpeg},
-           {"a.HEIC", ExportFormat::heic, ExportFormat::jpeg},
-           {"a.gif", ExportFormat::png, ExportFormat::png},
-           {"a.xyz", ExportFormat::png, ExportFormat::png},
-           {"noextension", ExportFormat::png, ExportFormat::png},
-       }) {
-    EXPECT_EQ(matchingFormat(c.name, all), c.everything) << c.name;
-    EXPECT_EQ(matchingFormat(c.name, noHeif), c.withoutHeif) << c.name;
-  }
-  EXPECT_EQ(sameAsSourceNote(noHeif),
-            "PNG, JPEG, TIFF and WebP keep their format. AVIF and HEIC saves as JPEG on this "
-            "computer. Camera RAW saves as TIFF, anything else as PNG.");
-  EXPECT_EQ(sameAsSourceNote(all),
-            "PNG, JPEG, TIFF, WebP, AVIF and HEIC keep their format. Camera RAW saves as TIFF, "
-            "anything else as PNG.");
-  EXPECT_FALSE(exportFormatFromRawValue("jpg"));
-  EXPECT_EQ(exportFormatFromRawValue("heic"), ExportFormat::heic);
-}
 
 TEST(ColourPolicy, CanonicalisesFlattenColours) {
   EXPECT_EQ(ColourPolicy::canonicalFlattenColour("  #ff8800 \n"), "#FF8800");

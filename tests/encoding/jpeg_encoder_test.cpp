@@ -27,17 +27,6 @@ JPEGOptions options(int quality, std::optional<JPEGSubsampling> subsampling = {}
   return {quality, subsampling, maxBytes, floor};
 }
 
-TEST(JPEGOptions, NormalisesQualityAndFloor) {
-  EXPECT_EQ((options(0).normalized().quality), 1);
-  EXPECT_EQ((options(150).normalized().quality), 100);
-  const JPEGOptions high{80, JPEGSubsampling::s444, 1000, 100};
-  const JPEGOptions n = high.normalized();
-  EXPECT_EQ(n.floor, 80);
-  EXPECT_EQ(n.subsampling, JPEGSubsampling::s444);
-  EXPECT_EQ(n.maxBytes, 1000);
-  EXPECT_EQ((options(50, {}, {}, -3).normalized().floor), 1);
-}
-
 TEST(JPEGEncoder, CeilingSearchEdges) {
   const PixelBuffer image = texturedImage(96, 64);
   const OutputMetadata none;

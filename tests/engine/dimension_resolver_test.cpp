@@ -104,13 +104,5 @@ TEST_F(DimensionResolverTest, AppliesThePixelCeilingForTheOutputDepth) {
   EXPECT_THROW(single(10000, 10000, SizeMode::height, 20001, "jpeg"), DimensionError);
 }
 
-TEST(SizeModes, ReadOnlyTheirRawValues) {
-  for (SizeMode mode : kAllSizeModes) EXPECT_EQ(sizeModeFromRawValue(rawValue(mode)), mode);
-  EXPECT_FALSE(sizeModeFromRawValue("X2"));
-  EXPECT_FALSE(sizeModeFromRawValue("long-edge"));
-  EXPECT_EQ(sizeModeFromQuickScale(4), SizeMode::x4);
-  EXPECT_FALSE(sizeModeFromQuickScale(3));
-}
-
 }  // namespace
 }  // namespace tarnbloom

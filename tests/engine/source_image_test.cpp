@@ -28,21 +28,6 @@ std::string messageOf(F&& load) {
   return "(no error)";
 }
 
-TEST(NormalizedDepth, FollowsTheSharedDepthRule) {
-  struct Case {
-    int depth;
-    bool isFloat;
-    std::optional<int> expected;
-  };
-  for (const Case& c : std::vector<Case>{{0, false, std::nullopt}, {1, false, 8}, {7, false, 8},
-                                         {8, false, 8}, {9, false, 16}, {12, false, 16},
-                                         {16, false, 16}, {32, false, 16}, {33, false, std::nullopt},
-                                         {16, true, 16}, {32, true, 16}, {1, true, 16},
-                                         {64, true, std::nullopt}, {-1, false, std::nullopt}})
-    EXPECT_EQ(ResampleEngine::normalizedDepth(c.depth, c.isFloat), c.expected)
-        << c.depth << (c.isFloat ? " float" : " int");
-}
-
 // Two markers in the stored bitmap: A at (0,0) and B at (1,0). By the EXIF
 // definition of each orientation, stored row 0 and column 0 lie on known
 // sides of the upright picture, so A lands in a known corner and B next to
@@ -148,22 +133,6 @@ TEST(Load, RefusesWithTheExactMessages) {
     EXPECT_EQ(probe.width, 0) << name;
     EXPECT_EQ(probe.bitDepth, 8) << name;
   }
-}
-
-TEST(EngineErrorText, FormatsCountsAndSizes) {
-  EXPECT_EQ(EngineError::multiFrame("/a/b/scan.tif", 2).description(),
-            "“scan.tif” contains 2 frames. Tarnbloom enlarges single still images, so it was not "
-            "converted.");
-  EXPECT_EQ(EngineError::animatedWebP("x/loop.webp", 12).description(),
-            "“loop.webp” is an animated WebP with 12 frames. Animated WebP export is not supported.");
-  EXPECT_EQ(EngineError::unsupportedDepth("deep.tif", 64).description(),
-            "“deep.tif” uses 64-bit samples that couldn’t be converted to 8- or 16-bit, so it was "
-            "not converted.");
-  ::setenv("LC_ALL", "en_US.UTF-8", 1);
-  EXPECT_EQ(EngineError::tooLarge(40000, 40000, 1'600'000'000).description(),
-            "This export would be 40,000 × 40,000 pixels (1.6 GB in memory), more than this version "
-            "can build. Choose a smaller scale.");
-  ::unsetenv("LC_ALL");
 }
 
 TEST(ValidateDestination, ProtectsTheOriginalAndNoticesEdits) {

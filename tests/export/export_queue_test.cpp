@@ -154,19 +154,6 @@ TEST_F(QueueFixture, FindsAMovedSourceOrNamesTheOneItLost) {
   }
 }
 
-TEST(ExportReconciler, CountsOnlyOutputsThatWereMovedIntoPlace) {
-  using S = OperationStage;
-  using V = ExportReconciliation;
-  for (bool staged : {false, true})
-    for (bool output : {false, true}) {
-      EXPECT_EQ(ExportReconciler::reconcile(S::planned, staged, output), V::notPublished);
-      EXPECT_EQ(ExportReconciler::reconcile(S::published, staged, output), V::published);
-      EXPECT_EQ(ExportReconciler::reconcile(S::committed, staged, output), V::alreadyCommitted);
-      EXPECT_EQ(ExportReconciler::reconcile(S::publishing, staged, output),
-                !staged && output ? V::published : V::notPublished);
-    }
-}
-
 TEST_F(QueueFixture, RecoverySettlesEachInterruptedExport) {
   ExportQueueStore store(state);
   ExportOperationLedger ledger(state / "Operations");

@@ -54,26 +54,6 @@ nlohmann::ordered_json receiptFor(const fs::path& output, const std::string& byt
   return Receipt::build("1.0", "7", WallTime{}, inputsFor(output, bytes));
 }
 
-TEST(ClaimLaw, NamesWhatEachExportMayHaveInvented) {
-  auto exact = ClaimLaw::resolve(ResampleMethod::exact, false, 16, ExportFormat::png);
-  EXPECT_TRUE(exact.codes.empty());
-  EXPECT_EQ(exact.detailEffect, "never_invents_detail");
-  EXPECT_FALSE(exact.wording.empty());
-
-  auto clarityWebP = ClaimLaw::resolve(ResampleMethod::clarity, false, 16, ExportFormat::webp);
-  EXPECT_EQ(clarityWebP.codes, std::vector<std::string>{"WEBP-16BIT-REDUCED"});
-  EXPECT_EQ(clarityWebP.detailEffect, "never_invents_detail");
-  EXPECT_TRUE(
-      ClaimLaw::resolve(ResampleMethod::clarity, false, 8, ExportFormat::webp).codes.empty());
-
-  auto enhance = ClaimLaw::resolve(ResampleMethod::estimate, true, 8, ExportFormat::jpeg);
-  EXPECT_EQ(enhance.codes, (std::vector<std::string>{"CLAIM-ESTIMATE-EXPORT", "CLAIM-BG-REMOVE"}));
-  EXPECT_EQ(enhance.detailEffect, "may_alter_detail");
-  EXPECT_EQ(enhance.wording.size(), 2u);
-  EXPECT_EQ(ClaimLaw::resolve(ResampleMethod::exact, true, 8, ExportFormat::png).detailEffect,
-            "may_alter_detail");
-}
-
 TEST(Receipt, KeepsItsKeyOrderAndRecordsTheModelOnlyForEnhance) {
   const std::vector<std::string> keys = {
       "schema",        "version", "app_version", "app_build",         "created",
@@ -133,27 +113,6 @@ class ReceiptFiles : public ::testing::Test {
   TempDir m_dir;
   fs::path m_output, m_staged, m_receipt, m_stagedReceipt;
 };
-
-TEST_F(ReceiptFiles, LocationsBesideAndInTheStore) {
-  const fs::path output = m_dir / "a.png";
-  EXPECT_EQ(ReceiptLocation::url(output, true), m_dir / "a.png.tarnbloomreceipt");
-  const fs::path stored = ReceiptLocation::url(output, false);
-  EXPECT_EQ(stored.parent_path(), m_dir / "state" / "Receipts");
-  const std::string key = output.string();
-  EXPECT_EQ(stored.filename(),
-            sha256Hex(std::as_bytes(std::span(key))) + "-a.png.tarnbloomreceipt");
-  EXPECT_NE(stored, ReceiptLocation::url(m_dir / "other" / "a.png", false));
-
-  EXPECT_EQ(ReceiptLocation::existingURL(output), std::nullopt);
-  ReceiptLocation::ensureParentExists(stored);
-  writeText(stored, "{}");
-  EXPECT_EQ(ReceiptLocation::existingURL(output), stored);
-  writeText(m_dir / "a.png.tarnbloomreceipt", "{}");
-  EXPECT_EQ(ReceiptLocation::existingURL(output), m_dir / "a.png.tarnbloomreceipt");
-
-  writeText(m_dir / "file", "x");  // a file where a folder must go
-  EXPECT_THROW(ReceiptLocation::ensureParentExists(m_dir / "file" / "r"), FileError);
-}
 
 TEST_F(ReceiptFiles, PublishesThePairAndLeavesNothingStaged) {
   prepare("cat.png", "new image").publish(false);

@@ -1,15 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <set>
 
 #include "support/files.h"
 #include "support/iso_time.h"
-#include "support/locale_numbers.h"
 #include "support/settings.h"
 #include "support/sha256.h"
-#include "support/state_paths.h"
-#include "support/uuid.h"
 #include "test_support.h"
 
 namespace tarnbloom {
@@ -34,19 +29,6 @@ TEST(Sha256, MatchesKnownDigestsInMemoryAndOnDisk) {
   EXPECT_EQ(sha256OfFile(dir / "missing"), std::nullopt);
 }
 
-TEST(Uuid, IsCanonicalUpperCaseAndUnique) {
-  std::set<std::string> seen;
-  for (int i = 0; i < 100; ++i) {
-    const std::string id = makeUuid();
-    EXPECT_TRUE(isUuid(id)) << id;
-    EXPECT_EQ(id.find_first_of("abcdef"), std::string::npos) << id;
-    seen.insert(id);
-  }
-  EXPECT_EQ(seen.size(), 100u);
-  EXPECT_FALSE(isUuid("not-a-uuid"));
-  EXPECT_FALSE(isUuid("123E4567E89B-12D3-A456-426614174000-"));
-}
-
 TEST(Iso8601, WritesWholeSecondsAndReadsFractionsAndOffsets) {
   using namespace std::chrono;
   const auto time = sys_days(year(2026) / 11 / 22) + hours(23) + minutes(5) + seconds(9) + milliseconds(750);
@@ -66,20 +48,6 @@ TEST(Iso8601, WritesWholeSecondsAndReadsFractionsAndOffsets) {
                           "2026-11-22T24:00:00Z", "2026-11-22T23:05:09.Z", "2026-11-22T23:05:09Zjunk",
                           "2026-11-22 23:05:09Z"})
     EXPECT_FALSE(parseIso8601(bad)) << bad;
-}
-
-TEST(LocaleNumbers, GroupsByLocale) {
-  EXPECT_EQ(groupedNumber(400000000, "en_US.UTF-8"), "400,000,000");
-  EXPECT_EQ(groupedNumber(999, "en_US.UTF-8"), "999");
-  EXPECT_EQ(groupedNumber(1000, "C"), "1,000");
-  EXPECT_EQ(groupedNumber(-1234567, "en_GB.UTF-8"), "-1,234,567");
-  EXPECT_EQ(groupedNumber(1000000000, "de_DE.UTF-8"), "1.000.000.000");
-  EXPECT_EQ(groupedNumber(4000, "fr_FR.UTF-8"), "4\u202f000");
-
-  EXPECT_EQ(byteCountText(512), "512 bytes");
-  EXPECT_EQ(byteCountText(789'400), "789 KB");
-  EXPECT_EQ(byteCountText(1'600'000'000), "1.6 GB");
-  EXPECT_EQ(byteCountText(999'960'000), "1 GB");
 }
 
 TEST(AtomicFile, ReplacesWholeOrLeavesTheOldFile) {
@@ -136,22 +104,6 @@ TEST(Settings, RoundTripsDottedKeysAndKeepsADamagedFile) {
   const auto kept = readWholeFile(damaged.damagedCopy());
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(kept.data()), kept.size()), "{ not json");
   EXPECT_EQ(Settings::load(path).string("method"), "exact");
-}
-
-TEST(StatePaths, FollowEnvironmentOverrides) {
-  const char* saved = std::getenv("TARNBLOOM_HOME");
-  const std::string restore = saved ? saved : "";
-  ::setenv("TARNBLOOM_HOME", "/tmp/tb-home", 1);
-  EXPECT_EQ(stateFolder(), "/tmp/tb-home");
-  EXPECT_EQ(settingsFilePath(), "/tmp/tb-home/settings.json");
-  ::unsetenv("TARNBLOOM_HOME");
-  ::setenv("XDG_DATA_HOME", "/tmp/xdg-data", 1);
-  EXPECT_EQ(stateFolder(), "/tmp/xdg-data/Tarnbloom");
-  ::setenv("XDG_DATA_HOME", "relative/ignored", 1);
-  EXPECT_EQ(stateFolder().filename(), "Tarnbloom");
-  EXPECT_NE(stateFolder(), "relative/ignored/Tarnbloom");
-  ::unsetenv("XDG_DATA_HOME");
-  if (saved) ::setenv("TARNBLOOM_HOME", restore.c_str(), 1);
 }
 
 }  // namespace
