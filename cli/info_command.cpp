@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/exit_codes.h"
-#include "codec/probe.h"
+#include "codec/decoder_pool.h"
 #include "engine/resample_engine.h"
 #include "engine/source_probe.h"
 #include "support/files.h"
@@ -20,6 +20,7 @@ struct FileReport {
   int frames = 0;
   std::optional<SourceImage> image;
   std::optional<std::string> refusal;
+  std::string details;  // what lies under the refusal, when known
 };
 
 FileReport inspect(const std::string& file) {
@@ -28,7 +29,7 @@ FileReport inspect(const std::string& file) {
   codec::ContainerProbe header;
   try {
     const MappedFile mapped(file);
-    header = codec::probeContainer(mapped.bytes());
+    header = codec::probeIsolated(mapped.bytes(), mapped.fd());
   } catch (const Error&) {
   }
   report.probe = SourceProbe::fromHeader(header);
@@ -37,6 +38,7 @@ FileReport inspect(const std::string& file) {
     report.image = ResampleEngine::load(file);
   } catch (const Error& error) {
     report.refusal = error.description();
+    report.details = error.details();
   }
   return report;
 }
@@ -58,6 +60,7 @@ void printJson(const FileReport& r) {
   object["nativeBitDepth"] =
       image && image->nativeBitDepth ? nlohmann::ordered_json(*image->nativeBitDepth) : nullptr;
   object["refusal"] = r.refusal ? nlohmann::ordered_json(*r.refusal) : nullptr;
+  object["refusalDetails"] = r.details.empty() ? nullptr : nlohmann::ordered_json(r.details);
   std::cout << object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
@@ -76,6 +79,7 @@ void printText(const FileReport& r) {
     std::cout << "  profile:     " << image.profileName() << '\n';
   } else {
     std::cout << "  refused:     " << r.refusal.value_or("") << '\n';
+    if (!r.details.empty()) std::cout << "  details:     " << r.details << '\n';
   }
 }
 

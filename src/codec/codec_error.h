@@ -23,6 +23,10 @@ class CodecError : public Error {
   static CodecError multiFrame(int count) { return {Kind::multiFrame, count, {}}; }
   static CodecError animatedWebP(int count) { return {Kind::animatedWebP, count, {}}; }
   static CodecError unsupportedDepth(int bits) { return {Kind::unsupportedDepth, bits, {}}; }
+  // The same error rebuilt from its parts, as the decoder helper reports it.
+  static CodecError of(Kind kind, int value, std::string detail) {
+    return {kind, value, std::move(detail)};
+  }
 
   Kind kind() const { return m_kind; }
   int count() const { return m_value; }
@@ -30,6 +34,7 @@ class CodecError : public Error {
   // The library's own words, for logs and fuzzing; never shown as the message.
   const std::string& detail() const { return m_detail; }
   std::string description() const override;
+  std::string details() const override { return m_detail; }
 
  private:
   CodecError(Kind kind, int value, std::string detail)

@@ -1,8 +1,114 @@
 #include "codec/pixel_buffer.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
 #include "codec/codec_error.h"
 
 namespace tarnbloom::codec {
+
+namespace {
+
+std::atomic<bool> g_pixelsInMemoryFiles{false};
+std::atomic<uint64_t> g_memoryFileLimit{UINT64_MAX};
+
+}  // namespace
+
+SampleBytes::SampleBytes(const SampleBytes& other) {
+  resize(other.m_size);
+  if (m_size) std::memcpy(m_data, other.m_data, m_size);
+}
+
+SampleBytes& SampleBytes::operator=(const SampleBytes& other) {
+  if (this != &other) SampleBytes(other).swap(*this);
+  return *this;
+}
+
+SampleBytes SampleBytes::inMemoryFile(size_t size) {
+  SampleBytes bytes;
+  if (size == 0) return bytes;
+  if (size > g_memoryFileLimit) throw std::bad_alloc();
+  const int fd = ::memfd_create("tarnbloom-pixels", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  if (fd < 0) throw std::bad_alloc();
+  // Populated at once: the decoder writes every byte, and faulting the
+  // pages in one call is cheaper than one fault per page.
+  void* map = MAP_FAILED;
+  if (::ftruncate(fd, static_cast<off_t>(size)) == 0)
+    map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
+  if (map == MAP_FAILED) {
+    ::close(fd);
+    throw std::bad_alloc();
+  }
+  return adoptMapping(static_cast<uint8_t*>(map), size, fd);
+}
+
+SampleBytes SampleBytes::adoptMapping(uint8_t* data, size_t length, int fd) {
+  SampleBytes bytes;
+  bytes.m_data = data;
+  bytes.m_size = bytes.m_capacity = bytes.m_mappedLength = length;
+  bytes.m_fd = fd;
+  return bytes;
+}
+
+void SampleBytes::resize(size_t size) {
+  if (size <= m_capacity) {
+    m_size = size;
+    return;
+  }
+  if (m_mappedLength) {
+    // Mapped bytes are fixed in size: move them into new storage of the
+    // same kind.
+    SampleBytes grown = m_fd >= 0 ? inMemoryFile(size) : SampleBytes(size);
+    std::memcpy(grown.m_data, m_data, m_size);
+    swap(grown);
+    return;
+  }
+  auto* grown = static_cast<uint8_t*>(std::realloc(m_data, size));
+  if (!grown) throw std::bad_alloc();
+  m_data = grown;
+  m_size = m_capacity = size;
+}
+
+void SampleBytes::swap(SampleBytes& other) noexcept {
+  std::swap(m_data, other.m_data);
+  std::swap(m_size, other.m_size);
+  std::swap(m_capacity, other.m_capacity);
+  std::swap(m_mappedLength, other.m_mappedLength);
+  std::swap(m_fd, other.m_fd);
+}
+
+bool SampleBytes::operator==(const SampleBytes& other) const {
+  return m_size == other.m_size && (m_size == 0 || std::memcmp(m_data, other.m_data, m_size) == 0);
+}
+
+int SampleBytes::releaseMemoryFile() {
+  const int fd = m_fd;
+  m_fd = -1;
+  release();
+  return fd;
+}
+
+void SampleBytes::release() {
+  if (m_mappedLength)
+    ::munmap(m_data, m_mappedLength);
+  else
+    std::free(m_data);
+  if (m_fd >= 0) ::close(m_fd);
+  m_data = nullptr;
+  m_size = m_capacity = m_mappedLength = 0;
+  m_fd = -1;
+}
+
+void decodeIntoMemoryFiles(uint64_t limitBytes) {
+  g_memoryFileLimit = limitBytes;
+  g_pixelsInMemoryFiles = true;
+}
 
 void checkDimensions(int64_t width, int64_t height) {
   if (width < 1 || height < 1) throw CodecError::unreadable("empty frame");
@@ -17,7 +123,8 @@ void PixelBuffer::allocate(int w, int h, int c, SampleFormat f) {
   channels = c;
   format = f;
   data.clear();
-  data.resize(rowBytes() * static_cast<size_t>(h));
+  const size_t bytes = rowBytes() * static_cast<size_t>(h);
+  data = g_pixelsInMemoryFiles ? SampleBytes::inMemoryFile(bytes) : SampleBytes(bytes);
 }
 
 }  // namespace tarnbloom::codec

@@ -2,31 +2,66 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <utility>
-#include <vector>
 
 namespace tarnbloom::codec {
 
-// Leaves new elements uninitialised: a decoder overwrites every byte, and
-// zero-filling a 24-megapixel frame first costs a noticeable share of a load.
-template <typename T>
-struct UninitialisedAllocator : std::allocator<T> {
-  template <typename U>
-  struct rebind {
-    using other = UninitialisedAllocator<U>;
-  };
-  using std::allocator<T>::allocator;
-  template <typename U, typename... Args>
-  void construct(U* p, Args&&... args) {
-    if constexpr (sizeof...(Args) == 0)
-      ::new (static_cast<void*>(p)) U;
-    else
-      ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+// The bytes of a frame. New bytes are left uninitialised: a decoder
+// overwrites every one, and zero-filling a 24-megapixel frame first costs a
+// noticeable share of a load. The storage is either the heap or a mapping
+// of a memory file: the decoder helper decodes straight into memory it can
+// hand to the caller, and the caller adopts that mapping instead of copying
+// a frame of hundreds of megabytes.
+class SampleBytes {
+ public:
+  SampleBytes() = default;
+  explicit SampleBytes(size_t size) { resize(size); }
+  SampleBytes(const SampleBytes& other);
+  SampleBytes& operator=(const SampleBytes& other);
+  SampleBytes(SampleBytes&& other) noexcept { swap(other); }
+  SampleBytes& operator=(SampleBytes&& other) noexcept {
+    SampleBytes(std::move(other)).swap(*this);
+    return *this;
   }
-};
+  ~SampleBytes() { release(); }
 
-using SampleBytes = std::vector<uint8_t, UninitialisedAllocator<uint8_t>>;
+  // Bytes in a new memory file (see memoryFile()); throws std::bad_alloc.
+  static SampleBytes inMemoryFile(size_t size);
+  // Takes over `length` bytes mapped at `data`, backed by the memory file
+  // `fd` (closed with the mapping; -1 for none).
+  static SampleBytes adoptMapping(uint8_t* data, size_t length, int fd);
+
+  uint8_t* data() { return m_data; }
+  const uint8_t* data() const { return m_data; }
+  size_t size() const { return m_size; }
+  bool empty() const { return m_size == 0; }
+  uint8_t* begin() { return m_data; }
+  uint8_t* end() { return m_data + m_size; }
+  const uint8_t* begin() const { return m_data; }
+  const uint8_t* end() const { return m_data + m_size; }
+  uint8_t& operator[](size_t i) { return m_data[i]; }
+  const uint8_t& operator[](size_t i) const { return m_data[i]; }
+
+  // Keeps the first min(size, new size) bytes; the rest are uninitialised.
+  void resize(size_t size);
+  void clear() { release(); }
+  void swap(SampleBytes& other) noexcept;
+  bool operator==(const SampleBytes& other) const;
+
+  // The memory file holding these bytes, or -1 when they are on the heap.
+  int memoryFile() const { return m_fd; }
+  // Gives up the memory file (the caller owns it now) and the bytes.
+  int releaseMemoryFile();
+
+ private:
+  void release();
+  uint8_t* m_data = nullptr;
+  size_t m_size = 0;
+  size_t m_capacity = 0;
+  // Set for mapped storage: the mapping's length, and its memory file.
+  size_t m_mappedLength = 0;
+  int m_fd = -1;
+};
 
 enum class SampleFormat { uint8, uint16, float32 };
 
@@ -53,9 +88,16 @@ struct PixelBuffer {
   const uint8_t* row(int y) const { return data.data() + rowBytes() * static_cast<size_t>(y); }
 
   // Allocates (contents undefined) after checkDimensions(); throws
-  // CodecError when too large.
+  // CodecError when too large. In the decoder helper the bytes go into a
+  // memory file (see decodeIntoMemoryFiles).
   void allocate(int width, int height, int channels, SampleFormat format);
 };
+
+// Makes every later PixelBuffer::allocate of this process use a memory file
+// of at most `limitBytes` (larger ones throw std::bad_alloc: memory files
+// escape the process's data limit). Only the decoder helper calls it, once,
+// before it decodes anything.
+void decodeIntoMemoryFiles(uint64_t limitBytes);
 
 // The largest frame we decode. Checked against declared header sizes before
 // any allocation, so a hostile header cannot make us allocate gigabytes; no

@@ -11,9 +11,10 @@ std::string quotedName(const std::filesystem::path& url) {
 
 }  // namespace
 
-EngineError EngineError::unreadable(std::filesystem::path url) {
+EngineError EngineError::unreadable(std::filesystem::path url, std::string details) {
   EngineError e(Case::unreadable);
   e.m_url = std::move(url);
+  e.m_details = std::move(details);
   return e;
 }
 

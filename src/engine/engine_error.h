@@ -27,7 +27,8 @@ class EngineError : public Error {
     jpegEncode,
   };
 
-  static EngineError unreadable(std::filesystem::path url);
+  // `details`: the cause underneath, when one is known.
+  static EngineError unreadable(std::filesystem::path url, std::string details = {});
   static EngineError multiFrame(std::filesystem::path url, int frameCount);
   static EngineError unsupportedFormat(std::filesystem::path url);
   static EngineError unsupportedDepth(std::filesystem::path url, int bitsPerSample);
@@ -44,12 +45,14 @@ class EngineError : public Error {
   const std::filesystem::path& url() const { return m_url; }
   int64_t count() const { return m_a; }
   std::string description() const override;
+  std::string details() const override { return m_details; }
 
  private:
   explicit EngineError(Case c) : m_case(c) {}
   Case m_case;
   std::filesystem::path m_url;
   std::string m_text;
+  std::string m_details;
   int64_t m_a = 0, m_b = 0, m_c = 0;
 };
 

@@ -7,6 +7,7 @@
 
 #include "codec/codec_error.h"
 #include "codec/decode.h"
+#include "codec/decoder_pool.h"
 #include "engine/engine_error.h"
 #include "support/files.h"
 #include "support/sha256.h"
@@ -57,7 +58,7 @@ PixelBuffer redraw(const PixelBuffer& from, SampleFormat target) {
     case Kind::unsupportedDepth: throw EngineError::unsupportedDepth(url, error.bits());
     case Kind::unreadable: break;
   }
-  throw EngineError::unreadable(url);
+  throw EngineError::unreadable(url, error.detail());
 }
 
 }  // namespace
@@ -69,26 +70,29 @@ std::optional<int> ResampleEngine::normalizedDepth(int nativeDepth, bool isFloat
 }
 
 SourceImage ResampleEngine::load(const std::filesystem::path& url) {
-  std::vector<std::byte> bytes;
+  SealedBytes bytes;
   try {
-    bytes = readWholeFile(url);
-  } catch (const FileError&) {
-    throw EngineError::unreadable(url);
+    bytes = SealedBytes::readFile(url);
+  } catch (const FileError& error) {
+    throw EngineError::unreadable(url, error.description());
   }
+  return load(url, bytes);
+}
 
+SourceImage ResampleEngine::load(const std::filesystem::path& url, const SealedBytes& bytes) {
   SourceImage image;
   image.url = url;
-  image.sourceHash = sha256Hex(bytes);
 
+  // The helper decodes while this thread hashes the same sealed bytes.
   codec::DecodedFrame frame;
   try {
-    frame = codec::decodeFrame(bytes);
+    frame = codec::DecoderPool::shared().decode(
+        bytes, [&] { image.sourceHash = sha256Hex(bytes.bytes()); });
   } catch (const codec::CodecError& error) {
     rethrowAsEngineError(error, url);
   } catch (const std::bad_alloc&) {
     throw EngineError::unreadable(url);
   }
-  bytes = {};  // the pixels are decoded; do not hold the file twice
 
   const auto depth = normalizedDepth(frame.nativeBits, frame.isFloat);
   if (!depth) throw EngineError::unsupportedDepth(url, frame.nativeBits);

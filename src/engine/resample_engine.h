@@ -11,6 +11,7 @@
 #include "engine/float_image.h"
 #include "engine/resample_method.h"
 #include "engine/source_image.h"
+#include "support/sealed_bytes.h"
 
 namespace tarnbloom {
 
@@ -79,6 +80,8 @@ class ResampleEngine {
   // Throws EngineError: unreadable, unsupportedFormat (GIF), multiFrame,
   // animatedWebP, unsupportedDepth.
   static SourceImage load(const std::filesystem::path& url);
+  // The same for bytes already read and sealed; `url` names them.
+  static SourceImage load(const std::filesystem::path& url, const SealedBytes& bytes);
 
   // The single depth rule shared by probe and load: 8 or 16, or none.
   static std::optional<int> normalizedDepth(int nativeDepth, bool isFloat);

@@ -1,6 +1,6 @@
 #include "engine/source_probe.h"
 
-#include "codec/probe.h"
+#include "codec/decoder_pool.h"
 #include "engine/resample_engine.h"
 #include "support/files.h"
 
@@ -11,7 +11,7 @@ SourceProbe SourceProbe::probe(const std::filesystem::path& url) {
   try {
     // Mapped, not read: the probe touches only the pages the header needs.
     const MappedFile file(url);
-    header = codec::probeContainer(file.bytes());
+    header = codec::probeIsolated(file.bytes(), file.fd());
   } catch (const Error&) {
     header = {};
   }

@@ -13,6 +13,9 @@ class Error : public std::exception {
   virtual std::string description() const = 0;
   // Empty when there is nothing the user can do about it.
   virtual std::string recoverySuggestion() const { return {}; }
+  // What was found underneath, for the curious ("The decoder stopped with
+  // signal 11"); never part of the message. Empty when there is nothing.
+  virtual std::string details() const { return {}; }
 
   const char* what() const noexcept override {
     try {

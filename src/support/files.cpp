@@ -48,7 +48,7 @@ bool removeFileIfPresent(const std::filesystem::path& path,
   return true;
 }
 
-std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t maxBytes) {
+std::pair<FileDescriptor, size_t> openRegularFile(const std::filesystem::path& path) {
   // O_NONBLOCK: opening a FIFO or a device named like a photo must not
   // wait for a writer that never comes; it is refused just below.
   FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -57,9 +57,14 @@ std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t m
   if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);
   if (!S_ISREG(info.st_mode))
     throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
-  if (static_cast<uint64_t>(info.st_size) > maxBytes) throw FileError(path, "read", EFBIG);
+  return {std::move(fd), static_cast<size_t>(info.st_size)};
+}
 
-  std::vector<std::byte> bytes(static_cast<size_t>(info.st_size));
+std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t maxBytes) {
+  const auto [fd, size] = openRegularFile(path);
+  if (size > maxBytes) throw FileError(path, "read", EFBIG);
+
+  std::vector<std::byte> bytes(size);
   size_t filled = 0;
   for (;;) {
     if (filled == bytes.size()) {
@@ -85,16 +90,12 @@ std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t m
   return bytes;
 }
 
-MappedFile::MappedFile(const std::filesystem::path& path) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (fd.get() < 0) throw FileError(path, "open", errno);
+MappedFile::MappedFile(const std::filesystem::path& path) : m_fd(openRegularFile(path).first) {
   struct stat info {};
-  if (::fstat(fd.get(), &info) != 0) throw FileError(path, "read", errno);
-  if (!S_ISREG(info.st_mode))
-    throw FileError(path, "read", S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
+  if (::fstat(m_fd.get(), &info) != 0) throw FileError(path, "read", errno);
   m_size = static_cast<size_t>(info.st_size);
   if (m_size == 0) return;
-  m_data = ::mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, fd.get(), 0);
+  m_data = ::mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, m_fd.get(), 0);
   if (m_data == MAP_FAILED) {
     m_data = nullptr;
     m_size = 0;

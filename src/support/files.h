@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/error.h"
@@ -29,13 +30,29 @@ class FileError : public Error {
 // An open file descriptor, closed when it goes.
 class FileDescriptor {
  public:
+  FileDescriptor() = default;
   explicit FileDescriptor(int fd) : m_fd(fd) {}
   ~FileDescriptor() {
     if (m_fd >= 0) ::close(m_fd);
   }
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
+  FileDescriptor(FileDescriptor&& other) noexcept : m_fd(other.release()) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+      close();
+      m_fd = other.release();
+    }
+    return *this;
+  }
   int get() const { return m_fd; }
+  explicit operator bool() const { return m_fd >= 0; }
+  // The caller owns the descriptor now.
+  int release() {
+    const int fd = m_fd;
+    m_fd = -1;
+    return fd;
+  }
   // Closes now, so that a failing close (NFS reports write errors there)
   // is seen; returns close()'s result.
   int close() {
@@ -45,7 +62,7 @@ class FileDescriptor {
   }
 
  private:
-  int m_fd;
+  int m_fd = -1;
 };
 
 // Whether anything has this name, a dangling symbolic link included, so
@@ -55,6 +72,10 @@ bool entryExists(const std::filesystem::path& path);
 // Removes a file; true when there was one. Adds the path to `removed` when given.
 bool removeFileIfPresent(const std::filesystem::path& path,
                          std::vector<std::filesystem::path>* removed = nullptr);
+
+// Opens a regular file for reading and gives its size; throws FileError
+// (EISDIR for a folder, EINVAL for a FIFO, a device or a socket).
+std::pair<FileDescriptor, size_t> openRegularFile(const std::filesystem::path& path);
 
 // Reads a whole regular file. Refuses more than maxBytes (ENOSPC-free guard
 // against a device or a file that grows without end).
@@ -72,8 +93,12 @@ class MappedFile {
   std::span<const std::byte> bytes() const {
     return {static_cast<const std::byte*>(m_data), m_size};
   }
+  // Open for as long as the view: the decoder helper reads headers of
+  // library formats through it.
+  int fd() const { return m_fd.get(); }
 
  private:
+  FileDescriptor m_fd;
   void* m_data = nullptr;
   size_t m_size = 0;
 };
