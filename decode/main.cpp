@@ -88,10 +88,15 @@ void serve(const protocol::Message& request) {
   }
   try {
     DecodedFrame frame = decodeFrame(file.bytes());
-    const auto payload = protocol::encodeFrame(frame);
-    const FileDescriptor pixels = sealedPixels(frame.pixels);
-    const int fds[] = {pixels.get()};
-    protocol::send(protocol::kHelperChannel, protocol::Kind::frameReply, payload, fds);
+    protocol::send(protocol::kHelperChannel, protocol::Kind::frameReply,
+                   protocol::encodeFrame(frame));
+    // The caller reads the pixels out of this process, or asks for them.
+    const auto answer = protocol::receive(protocol::kHelperChannel);
+    if (answer.kind == protocol::Kind::pixelsWanted) {
+      const FileDescriptor pixels = sealedPixels(frame.pixels);
+      const int fds[] = {pixels.get()};
+      protocol::send(protocol::kHelperChannel, protocol::Kind::pixelsReply, {}, fds);
+    }
   } catch (const CodecError& error) {
     refuse(error);
   } catch (const std::bad_alloc&) {
@@ -117,7 +122,6 @@ int main(int argc, char** argv) {
   // may still be opened.
   heif_init(nullptr);
   if (!decodehelper::lockDown()) return 2;
-  decodeIntoMemoryFiles(memory);
   for (;;) {
     protocol::Message request;
     try {

@@ -117,7 +117,7 @@ Message receive(int socket, std::optional<std::chrono::steady_clock::time_point>
                  deadline);
   if (header.magic != kMagic || header.length > kMaxPayload || message.fds.size() > kMaxFds ||
       header.kind < static_cast<uint32_t>(Kind::probeRequest) ||
-      header.kind > static_cast<uint32_t>(Kind::refusal))
+      header.kind > static_cast<uint32_t>(Kind::pixelsReply))
     throw ChannelClosed{ChannelClosed::Reason::broken};
   message.kind = static_cast<Kind>(header.kind);
   message.payload.resize(header.length);
@@ -237,12 +237,12 @@ std::vector<std::byte> encodeFrame(const DecodedFrame& frame) {
   out.blob(frame.iccProfile);
   out.blob(frame.exif);
   out.text(frame.xmp);
+  out.u64(reinterpret_cast<uintptr_t>(frame.pixels.data.data()));
   return out.payload();
 }
 
-DecodedFrame decodeFrameFacts(std::span<const std::byte> payload) {
+uint64_t decodeFrameFacts(std::span<const std::byte> payload, DecodedFrame& frame) {
   PayloadReader in(payload);
-  DecodedFrame frame;
   frame.container = static_cast<Container>(in.i64(0, kContainerLast));
   frame.frameCount = static_cast<int>(in.i64(0, kIntMax));
   PixelBuffer& pixels = frame.pixels;
@@ -259,7 +259,7 @@ DecodedFrame decodeFrameFacts(std::span<const std::byte> payload) {
   frame.iccProfile = in.blob();
   frame.exif = in.blob();
   frame.xmp = in.text();
-  return frame;
+  return in.u64();
 }
 
 }  // namespace tarnbloom::codec::protocol

@@ -3,8 +3,11 @@
 // What the decoder helper and its callers say to each other over their
 // socket. A message is a fixed header (magic, kind, payload length), the
 // payload, and up to two descriptors passed with the header. Requests carry
-// the file as a descriptor; a frame's pixels come back as a sealed memory
-// file, so no frame is ever copied through the socket.
+// the file as a descriptor. A frame's pixels never go through the socket:
+// the caller copies them straight out of the helper's memory (the reply
+// says where) and then says pixelsTaken; where the system does not allow
+// that, it says pixelsWanted and gets them as a sealed memory file. Either
+// way the helper keeps the frame until then.
 //
 // The caller treats every reply as hostile: a helper may have been taken
 // over by the file it was reading. Every length, count and size is checked
@@ -29,8 +32,11 @@ enum class Kind : uint32_t {
   probeRequest = 1,   // fd: the file, read-only
   decodeRequest = 2,  // fd: the file's bytes, sealed
   probeReply = 3,
-  frameReply = 4,  // fd: the pixels, sealed
-  refusal = 5,     // a CodecError
+  frameReply = 4,   // the frame's facts and where its pixels are
+  refusal = 5,      // a CodecError
+  pixelsTaken = 6,  // the helper may let the frame go
+  pixelsWanted = 7,
+  pixelsReply = 8,  // fd: the pixels, sealed
 };
 
 // The helper's end of its socket, the only descriptor it starts with
@@ -93,10 +99,9 @@ ContainerProbe decodeProbe(std::span<const std::byte> payload);
 std::vector<std::byte> encodeRefusal(const CodecError& error);
 CodecError decodeRefusal(std::span<const std::byte> payload);
 
-// A frame's facts; its pixels travel separately.
+// A frame's facts and the address of its pixels in the helper.
 std::vector<std::byte> encodeFrame(const DecodedFrame& frame);
-// Fills everything but pixels.data, whose size the caller then checks
-// against the memory file it got.
-DecodedFrame decodeFrameFacts(std::span<const std::byte> payload);
+// Fills everything but pixels.data; returns the pixels' address.
+uint64_t decodeFrameFacts(std::span<const std::byte> payload, DecodedFrame& frame);
 
 }  // namespace tarnbloom::codec::protocol

@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -242,16 +243,46 @@ DecodedFrame DecoderPool::decode(const SealedBytes& bytes, const std::function<v
       release(std::move(helper));
       throw refusal;
     }
-    if (reply.kind != protocol::Kind::frameReply || reply.fds.size() != 1) throw nonsense();
-    DecodedFrame frame = protocol::decodeFrameFacts(reply.payload);
+    if (reply.kind != protocol::Kind::frameReply) throw nonsense();
+    DecodedFrame frame;
+    const uint64_t address = protocol::decodeFrameFacts(reply.payload, frame);
     const size_t size = frame.pixels.rowBytes() * static_cast<size_t>(frame.pixels.height);
-    frame.pixels.data = adoptPixels(reply.fds[0].get(), size);
+    frame.pixels.data = takePixels(*helper, address, size);
     release(std::move(helper));
     return frame;
   } catch (const CodecError&) {
     if (helper) bury(std::move(helper), false, {});
     throw;
+  } catch (const protocol::ChannelClosed& closed) {
+    const bool timedOut = closed.reason == protocol::ChannelClosed::Reason::timedOut;
+    throw CodecError::unreadable(bury(std::move(helper), timedOut, m_limits.decodeTime));
   }
+}
+
+SampleBytes DecoderPool::takePixels(Helper& helper, uint64_t address, size_t size) {
+  // One copy straight out of the helper into memory of our own; the
+  // helper's memory is not ours to keep mapped.
+  if (m_readFromHelpers) {
+    SampleBytes pixels(size);
+    iovec local{pixels.data(), size};
+    iovec remote{reinterpret_cast<void*>(address), size};
+    const ssize_t copied = ::process_vm_readv(helper.pid, &local, 1, &remote, 1, 0);
+    if (copied == static_cast<ssize_t>(size)) {
+      protocol::send(helper.socket.get(), protocol::Kind::pixelsTaken, {});
+      return pixels;
+    }
+    // A system that forbids reading other processes (a strict ptrace
+    // policy, a container) says so with EPERM or ENOSYS; anything else is
+    // an address the helper made up.
+    if (copied >= 0 || (errno != EPERM && errno != ENOSYS)) throw nonsense();
+    m_readFromHelpers = false;
+  }
+  protocol::send(helper.socket.get(), protocol::Kind::pixelsWanted, {});
+  const auto reply = protocol::receive(helper.socket.get(),
+                                       std::chrono::steady_clock::now() + m_limits.decodeTime);
+  if (reply.kind == protocol::Kind::refusal) throw protocol::decodeRefusal(reply.payload);
+  if (reply.kind != protocol::Kind::pixelsReply || reply.fds.size() != 1) throw nonsense();
+  return adoptPixels(reply.fds[0].get(), size);
 }
 
 ContainerProbe DecoderPool::probe(int fd, Container sniffed) {

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -77,12 +78,17 @@ class DecoderPool {
   std::string bury(std::unique_ptr<Helper> helper, bool timedOut,
                    std::chrono::milliseconds timeout);
   std::unique_ptr<Helper> start();
+  // The pixels of the frame the helper just reported; throws CodecError
+  // or protocol::ChannelClosed.
+  SampleBytes takePixels(Helper& helper, uint64_t address, size_t size);
 
   std::filesystem::path m_helper;
   DecoderLimits m_limits;
   mutable std::mutex m_mutex;
   std::vector<std::unique_ptr<Helper>> m_idle;
   Statistics m_statistics;
+  // Cleared for good once the system refuses to let us read a helper.
+  std::atomic<bool> m_readFromHelpers{true};
 };
 
 // probeContainer() for a file open at `fd` with `bytes` mapped: our own

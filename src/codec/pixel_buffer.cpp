@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -15,8 +14,8 @@ namespace tarnbloom::codec {
 
 namespace {
 
-std::atomic<bool> g_pixelsInMemoryFiles{false};
-std::atomic<uint64_t> g_memoryFileLimit{UINT64_MAX};
+// From this size on a buffer is a mapping of its own (see SampleBytes).
+constexpr size_t kMappedFrom = size_t{1} << 20;
 
 }  // namespace
 
@@ -33,14 +32,11 @@ SampleBytes& SampleBytes::operator=(const SampleBytes& other) {
 SampleBytes SampleBytes::inMemoryFile(size_t size) {
   SampleBytes bytes;
   if (size == 0) return bytes;
-  if (size > g_memoryFileLimit) throw std::bad_alloc();
   const int fd = ::memfd_create("tarnbloom-pixels", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   if (fd < 0) throw std::bad_alloc();
-  // Populated at once: the decoder writes every byte, and faulting the
-  // pages in one call is cheaper than one fault per page.
   void* map = MAP_FAILED;
   if (::ftruncate(fd, static_cast<off_t>(size)) == 0)
-    map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
+    map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (map == MAP_FAILED) {
     ::close(fd);
     throw std::bad_alloc();
@@ -61,11 +57,18 @@ void SampleBytes::resize(size_t size) {
     m_size = size;
     return;
   }
-  if (m_mappedLength) {
-    // Mapped bytes are fixed in size: move them into new storage of the
-    // same kind.
-    SampleBytes grown = m_fd >= 0 ? inMemoryFile(size) : SampleBytes(size);
-    std::memcpy(grown.m_data, m_data, m_size);
+  if (m_mappedLength || size >= kMappedFrom) {
+    // Mappings are fixed in size: the bytes move into new storage.
+    SampleBytes grown;
+    if (size >= kMappedFrom) {
+      void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      if (map == MAP_FAILED) throw std::bad_alloc();
+      ::madvise(map, size, MADV_HUGEPAGE);
+      grown = adoptMapping(static_cast<uint8_t*>(map), size, -1);
+    } else {
+      grown.resize(size);
+    }
+    if (m_size) std::memcpy(grown.m_data, m_data, m_size);
     swap(grown);
     return;
   }
@@ -105,11 +108,6 @@ void SampleBytes::release() {
   m_fd = -1;
 }
 
-void decodeIntoMemoryFiles(uint64_t limitBytes) {
-  g_memoryFileLimit = limitBytes;
-  g_pixelsInMemoryFiles = true;
-}
-
 void checkDimensions(int64_t width, int64_t height) {
   if (width < 1 || height < 1) throw CodecError::unreadable("empty frame");
   if (width > kMaxSourceSide || height > kMaxSourceSide || width * height > kMaxSourcePixels)
@@ -123,8 +121,7 @@ void PixelBuffer::allocate(int w, int h, int c, SampleFormat f) {
   channels = c;
   format = f;
   data.clear();
-  const size_t bytes = rowBytes() * static_cast<size_t>(h);
-  data = g_pixelsInMemoryFiles ? SampleBytes::inMemoryFile(bytes) : SampleBytes(bytes);
+  data.resize(rowBytes() * static_cast<size_t>(h));
 }
 
 }  // namespace tarnbloom::codec

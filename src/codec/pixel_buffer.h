@@ -8,10 +8,10 @@ namespace tarnbloom::codec {
 
 // The bytes of a frame. New bytes are left uninitialised: a decoder
 // overwrites every one, and zero-filling a 24-megapixel frame first costs a
-// noticeable share of a load. The storage is either the heap or a mapping
-// of a memory file: the decoder helper decodes straight into memory it can
-// hand to the caller, and the caller adopts that mapping instead of copying
-// a frame of hundreds of megabytes.
+// noticeable share of a load. Large buffers are mappings of their own that
+// ask for huge pages: faulting in 72 MB page by page costs a quarter of a
+// 24-megapixel JPEG decode. A buffer may also map a memory file received
+// from the decoder helper.
 class SampleBytes {
  public:
   SampleBytes() = default;
@@ -88,16 +88,11 @@ struct PixelBuffer {
   const uint8_t* row(int y) const { return data.data() + rowBytes() * static_cast<size_t>(y); }
 
   // Allocates (contents undefined) after checkDimensions(); throws
-  // CodecError when too large. In the decoder helper the bytes go into a
-  // memory file (see decodeIntoMemoryFiles).
+  // CodecError when too large.
   void allocate(int width, int height, int channels, SampleFormat format);
 };
 
-// Makes every later PixelBuffer::allocate of this process use a memory file
-// of at most `limitBytes` (larger ones throw std::bad_alloc: memory files
-// escape the process's data limit). Only the decoder helper calls it, once,
-// before it decodes anything.
-void decodeIntoMemoryFiles(uint64_t limitBytes);
+
 
 // The largest frame we decode. Checked against declared header sizes before
 // any allocation, so a hostile header cannot make us allocate gigabytes; no
