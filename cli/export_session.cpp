@@ -173,6 +173,7 @@ void ExportSession::reportLoadFailure() const {
 
 RecoveryReport ExportSession::recover(bool quiet) {
   RecoveryReport report = m_queue->recoverInterruptedWork(m_ledger);
+  for (const auto& text : report.leftOut) std::cout << text << '\n';
   if (!quiet && report.foundInterruptedWork())
     std::cerr << "Tarnbloom found unfinished exports from a previous launch. Completed files will "
                  "not be exported again. Run “tarnbloom queue resume” to finish them.\n";

@@ -111,7 +111,7 @@ int runQueue(const std::vector<std::string>& arguments) {
     }
     if (byJob.empty()) std::cout << "No failed exports to retry.\n";
   }
-  session->countFailedBeforeRun(unreadable);
+  session->countFailedBeforeRun(unreadable + static_cast<int>(recovery.leftOut.size()));
   return session->run();
 }
 

@@ -123,9 +123,9 @@ int main(int argc, char** argv) {
   heif_init(nullptr);
   if (!decodehelper::lockDown()) return 2;
   for (;;) {
-    protocol::Message request;
     try {
-      request = protocol::receive(protocol::kHelperChannel);
+      // Scoped to the request: an idle helper holds no file.
+      const protocol::Message request = protocol::receive(protocol::kHelperChannel);
       decodehelper::allowCpuSeconds(cpuSeconds);
       serve(request);
     } catch (const protocol::ChannelClosed&) {

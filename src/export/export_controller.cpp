@@ -74,6 +74,31 @@ struct AlreadyPublished {
   fs::path output;
 };
 
+// An item's source being read, counted in the ledger while it lasts so that
+// a source which takes the process down is not read for ever. Best effort:
+// a ledger that cannot be written must not stop the export.
+class ReadAttempt {
+ public:
+  ReadAttempt(const ExportOperationLedger& ledger, const Job& job, const JobItem& item) {
+    if (job.oneRunOnly) return;
+    try {
+      ledger.beginRead(job.id, item.id);
+      m_ledger = &ledger;
+      m_itemID = item.id;
+    } catch (const Error&) {
+    }
+  }
+  ~ReadAttempt() {
+    if (m_ledger) m_ledger->endRead(m_itemID);
+  }
+  ReadAttempt(const ReadAttempt&) = delete;
+  ReadAttempt& operator=(const ReadAttempt&) = delete;
+
+ private:
+  const ExportOperationLedger* m_ledger = nullptr;
+  std::string m_itemID;
+};
+
 // Runs one stage of an item. An exception ends the item: a simulated crash
 // marks it interrupted, a stop or halt stopped, anything else failed with
 // its message. True when the stage ran through.
@@ -579,7 +604,10 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
 
   // 2. Load.
   const auto loadStart = std::chrono::steady_clock::now();
-  SourceImage source = ResampleEngine::load(item.url);
+  SourceImage source = [&] {
+    const ReadAttempt attempt(m_ledger, job, item);
+    return ResampleEngine::load(item.url);
+  }();
   run.timings["load"] =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - loadStart).count();
   run.format = job.options.resolvedFormat(item.url);

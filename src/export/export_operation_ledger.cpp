@@ -214,6 +214,60 @@ std::vector<fs::path> ExportOperationLedger::removeEmptyRecords() const {
   return removed;
 }
 
+fs::path ExportOperationLedger::readFileFor(const std::string& itemID) const {
+  return m_folder / (itemID + ".reading");
+}
+
+std::optional<InterruptedRead> ExportOperationLedger::interruptedRead(const fs::path& file) const {
+  try {
+    const auto bytes = readWholeFile(file, 1 << 16);
+    const auto json = nlohmann::json::parse(
+        reinterpret_cast<const char*>(bytes.data()),
+        reinterpret_cast<const char*>(bytes.data() + bytes.size()), nullptr, false);
+    InterruptedRead read;
+    read.jobID = json.at("jobID").get<std::string>();
+    read.itemID = json.at("itemID").get<std::string>();
+    read.attempts = json.at("attempts").get<int>();
+    return read;
+  } catch (const FileError&) {
+  } catch (const nlohmann::json::exception&) {
+  }
+  return std::nullopt;
+}
+
+void ExportOperationLedger::beginRead(const std::string& jobID, const std::string& itemID) const {
+  std::error_code error;
+  fs::create_directories(m_folder, error);
+  if (error) throw FileError(m_folder, "create", error.value());
+  const fs::path file = readFileFor(itemID);
+  const auto earlier = interruptedRead(file);
+  const nlohmann::ordered_json json = {
+      {"jobID", jobID},
+      {"itemID", itemID},
+      {"attempts", (earlier ? earlier->attempts : 0) + 1},
+  };
+  writeFileAtomically(file, json.dump(2) + "\n", Durability::ordered);
+}
+
+void ExportOperationLedger::endRead(const std::string& itemID) const {
+  removeFileIfPresent(readFileFor(itemID));
+}
+
+std::vector<InterruptedRead> ExportOperationLedger::interruptedReads() const {
+  std::vector<InterruptedRead> reads;
+  std::error_code error;
+  for (fs::directory_iterator it(m_folder, error), end; !error && it != end; it.increment(error)) {
+    if (it->path().extension() != ".reading") continue;
+    // One that cannot be read was cut short while it was written: the
+    // read it announced never started.
+    if (auto read = interruptedRead(it->path()); read && read->itemID == it->path().stem())
+      reads.push_back(std::move(*read));
+    else
+      removeFileIfPresent(it->path());
+  }
+  return reads;
+}
+
 std::vector<fs::path> ExportOperationLedger::removeOrphanedStages() const {
   std::vector<fs::path> removed;
   for (const auto& r : all()) {

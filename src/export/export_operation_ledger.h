@@ -28,6 +28,16 @@ struct ExportOperationRecord {
   double plannedAt = 0;  // seconds since 1970
 };
 
+// Reads of one item's source that the process did not survive: started
+// and never ended. Counted across launches, so a file that takes the
+// program down every time it is read is left out instead of being read
+// again for ever.
+struct InterruptedRead {
+  std::string jobID;
+  std::string itemID;
+  int attempts = 0;
+};
+
 enum class ExportReconciliation { alreadyCommitted, published, notPublished };
 
 struct ExportReconciler {
@@ -76,10 +86,20 @@ class ExportOperationLedger {
   // "published"); returns the paths removed.
   std::vector<std::filesystem::path> removeOrphanedStages() const;
 
+  // Before an item's source is read: one more attempt, on disk before
+  // the read starts ("<itemID>.reading"; written for this process to die
+  // over, not for a power cut, so not synced). Throws FileError.
+  void beginRead(const std::string& jobID, const std::string& itemID) const;
+  // After the read ended, however it ended: the count goes.
+  void endRead(const std::string& itemID) const;
+  std::vector<InterruptedRead> interruptedReads() const;
+
   const std::filesystem::path& folder() const { return m_folder; }
 
  private:
   std::filesystem::path fileFor(const std::string& operationID) const;
+  std::filesystem::path readFileFor(const std::string& itemID) const;
+  std::optional<InterruptedRead> interruptedRead(const std::filesystem::path& file) const;
   std::filesystem::path m_folder;
 };
 

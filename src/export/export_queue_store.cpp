@@ -478,6 +478,21 @@ RecoveryReport ExportQueueStore::recoverInterruptedWork(const ExportOperationLed
     ledger.clear(record.operationID);
     ++report.recordsCleared;
   }
+  // A source that took the program down while it was read does not get
+  // read for ever: the second time, its item fails and the rest go on.
+  for (const auto& read : ledger.interruptedReads()) {
+    PersistedExportItem* item = mutableItem(read.jobID, read.itemID);
+    if (item && isUnfinished(item->state) && read.attempts < kFatalReadsBeforeLeftOut) continue;
+    if (item && isUnfinished(item->state)) {
+      item->state = ExportQueueItemState::failed;
+      item->operationID.reset();
+      item->errorText = "“" + item->sourceName +
+                        "” stopped the program twice while it was being read; it was left out.";
+      report.leftOut.push_back(*item->errorText);
+      save();
+    }
+    ledger.endRead(read.itemID);
+  }
   for (auto& job : m_jobs)
     for (auto& item : job.items)
       if (item.state == ExportQueueItemState::running) {

@@ -73,6 +73,8 @@ struct RecoveryReport {
   int toRunAgain = 0;  // items whose export must be redone
   int recordsCleared = 0;
   std::vector<std::filesystem::path> removedFiles;
+  // Why each item left out for taking the program down was left out.
+  std::vector<std::string> leftOut;
   bool foundInterruptedWork() const { return completed + toRunAgain > 0; }
 };
 
@@ -87,6 +89,9 @@ class ExportQueueStore {
   // the whole file.
   static constexpr size_t kFinishedJobsKept = 50;
   static constexpr size_t kFinishedItemsKept = 2000;
+  // Reads of one source that end with the process dying before its item
+  // fails instead of being read again.
+  static constexpr int kFatalReadsBeforeLeftOut = 2;
 
   // Loads the queue file of `stateDirectory` (created when missing).
   explicit ExportQueueStore(std::filesystem::path stateDirectory);
@@ -137,7 +142,8 @@ class ExportQueueStore {
 
   // Settles what a crash or quit left behind: receipt publications, ledger
   // records (published items become "completed", others run again),
-  // staging files, and items left "running". Saves the queue.
+  // staging files, items left "running", and reads the process did not
+  // survive (an item read twice that way fails). Saves the queue.
   RecoveryReport recoverInterruptedWork(const ExportOperationLedger& ledger);
 
  private:
