@@ -140,6 +140,7 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
       }
       case Result::Kind::failed:
         std::cout << name << ": " << result.errorText << '\n';
+        if (!result.errorDetails.empty()) std::cout << "  " << result.errorDetails << '\n';
         break;
       case Result::Kind::skipped:
         std::cout << name << ": skipped. " << result.errorText << '\n';

@@ -116,6 +116,7 @@ bool runStage(Run& run, Stage&& stage) {
   } catch (const Error& error) {
     run.result.kind = Result::Kind::failed;
     run.result.errorText = errorText(error);
+    run.result.errorDetails = error.details();
   } catch (const std::exception& error) {
     run.result.kind = Result::Kind::failed;
     run.result.errorText = std::string("The export failed. ") + error.what();

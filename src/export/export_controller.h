@@ -51,6 +51,7 @@ struct Result {
   std::optional<std::filesystem::path> output;
   std::optional<std::filesystem::path> receipt;
   std::string errorText;  // description, then the recovery suggestion
+  std::string errorDetails;  // what lay underneath, when known
   bool floorHit = false;
   std::vector<std::string> advisories;
   int64_t width = 0, height = 0;

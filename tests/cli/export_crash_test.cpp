@@ -202,7 +202,10 @@ TEST(ExportCrashSafety, RandomKillsNeverLoseOrDuplicateAnExport) {
         ++kills;
         continue;
       }
-      ASSERT_EQ(resume.status, 0) << when;
+      // A resume that leaves out a source whose reading two kills
+      // interrupted reports it as failed (2, or 3 when it was the last).
+      ASSERT_TRUE(resume.status == 0 || (resume.status >= 2 && hasFailedItem(home)))
+          << when << ": status " << resume.status;
       break;
     }
     // Two kills that land in the reading of one source leave it out, as a
