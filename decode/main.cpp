@@ -121,6 +121,11 @@ int main(int argc, char** argv) {
   // Everything a decoder loads or reads lazily happens now, while files
   // may still be opened.
   heif_init(nullptr);
+  // LibRaw develops with OpenMP, whose runtime sets itself up (shared
+  // memory, its thread pool) at the first parallel region.
+  volatile int warmed = 0;
+#pragma omp parallel
+  warmed = 1;
   if (!decodehelper::lockDown()) return 2;
   for (;;) {
     try {
