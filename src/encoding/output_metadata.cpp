@@ -88,7 +88,7 @@ const char* const kStructureTags[] = {
 
 std::optional<std::string> resolveXmp(const std::optional<std::string>& sourceXmp,
                                       const ColourPolicy& policy,
-                                      std::span<const std::string> claims) {
+                                      std::span<const std::string> claims, bool* sourceDropped) {
   const bool estimate = hasClaim(claims, kClaimEstimateExport);
   const bool disclose = estimate || hasClaim(claims, kClaimBackgroundRemoval);
   if (policy.xmp == MetadataToggle::strip && !estimate) return std::nullopt;
@@ -97,8 +97,14 @@ std::optional<std::string> resolveXmp(const std::optional<std::string>& sourceXm
     Exiv2::XmpData xmp;
     if (policy.xmp == MetadataToggle::keep) {
       if (sourceXmp && !sourceXmp->empty()) {
-        if (Exiv2::XmpParser::decode(xmp, *sourceXmp) != 0) return sourceXmp;
-        xmp["Xmp.tiff.Orientation"] = static_cast<uint16_t>(1);
+        // A packet we cannot read is not ours to pass on: it may hold the
+        // location the policy strips. Only what we write ourselves goes out.
+        if (Exiv2::XmpParser::decode(xmp, *sourceXmp) != 0) {
+          xmp.clear();
+          if (sourceDropped) *sourceDropped = true;
+        } else {
+          xmp["Xmp.tiff.Orientation"] = static_cast<uint16_t>(1);
+        }
         const bool stripExif = policy.exif == MetadataToggle::strip;
         const bool stripGps = policy.gps == MetadataToggle::strip;
         if (stripExif || stripGps) {
@@ -107,8 +113,11 @@ std::optional<std::string> resolveXmp(const std::optional<std::string>& sourceXm
             const std::string ns = Exiv2::XmpProperties::ns(datum.groupName());
             const bool exifNs = std::find(std::begin(kExifNamespaces), std::end(kExifNamespaces),
                                           ns) != std::end(kExifNamespaces);
-            const bool gpsTag =
-                ns == kExifNamespaces[0] && datum.tagName().rfind("GPS", 0) == 0;
+            // Locations also sit inside structures, as in the IPTC
+            // extension's LocationCreated/exif:GPSLatitude.
+            const bool gpsTag = (ns == kExifNamespaces[0] && datum.tagName().rfind("GPS", 0) == 0) ||
+                                datum.key().find(":GPS") != std::string::npos ||
+                                datum.key().find("/exif:GPS") != std::string::npos;
             if ((stripExif && exifNs) || (stripGps && gpsTag)) doomed.push_back(datum.key());
           }
           for (const auto& key : doomed) {
@@ -132,27 +141,60 @@ std::optional<std::string> resolveXmp(const std::optional<std::string>& sourceXm
     if (xmp.empty()) return std::nullopt;
     return serialise(xmp);
   } catch (const Exiv2::AnyError&) {
-    return policy.xmp == MetadataToggle::keep ? sourceXmp : std::nullopt;
+    // Nothing of the source's passes a failure; the disclosure still must.
+    if (policy.xmp == MetadataToggle::keep && sourceXmp && sourceDropped) *sourceDropped = true;
+    if (!disclose) return std::nullopt;
+    try {
+      Exiv2::XmpData only;
+      addDisclosure(only);
+      return serialise(only);
+    } catch (const Exiv2::AnyError&) {
+      return std::nullopt;
+    }
   }
 }
 
 std::vector<uint8_t> resolveExif(std::span<const uint8_t> sourceExif, const ColourPolicy& policy,
-                                 int width, int height) {
+                                 int width, int height, std::vector<std::string>* dropped) {
+  const auto drop = [&](const char* what) {
+    if (dropped) dropped->push_back(what);
+  };
   if (policy.exif == MetadataToggle::strip || sourceExif.empty()) return {};
   initialiseXmp();
   try {
     Exiv2::ExifData exif;
     const Exiv2::ByteOrder order =
         Exiv2::ExifParser::decode(exif, sourceExif.data(), static_cast<uint32_t>(sourceExif.size()));
-    if (exif.empty()) return {};
+    if (exif.empty()) {
+      drop("exif");
+      return {};
+    }
     std::vector<std::string> doomed(std::begin(kStructureTags), std::end(kStructureTags));
+    const bool stripGps = policy.gps == MetadataToggle::strip;
+    // A maker note is the camera maker's own format. Exiv2 reads the ones it
+    // knows into groups of their own; one it could not read stays an opaque
+    // block. With GPS stripped, a note that holds a location, or that could
+    // not be read and so might, goes whole.
+    bool makerNoteRead = false, makerNoteHasLocation = false;
+    for (const auto& datum : exif) {
+      const std::string group = datum.groupName();
+      if (!Exiv2::ExifTags::isMakerGroup(group)) continue;
+      makerNoteRead = true;
+      makerNoteHasLocation = makerNoteHasLocation || datum.tagName().find("GPS") != std::string::npos ||
+                             datum.tagName().find("Location") != std::string::npos;
+    }
+    const bool hasMakerNote = exif.findKey(Exiv2::ExifKey("Exif.Photo.MakerNote")) != exif.end();
+    const bool dropMakerNote = stripGps && (makerNoteHasLocation || (hasMakerNote && !makerNoteRead));
+    if (dropMakerNote && hasMakerNote && !makerNoteRead) drop("maker note");
     for (const auto& datum : exif) {
       const std::string group = datum.groupName();
       // IFD1 and its kin hold the thumbnail of the old, smaller picture.
       if (group == "Thumbnail" || group.rfind("SubImage", 0) == 0 || group == "Iop" ||
-          (policy.gps == MetadataToggle::strip && group == "GPSInfo"))
+          (stripGps && group == "GPSInfo") ||
+          (dropMakerNote && Exiv2::ExifTags::isMakerGroup(group)))
         doomed.push_back(datum.key());
     }
+    if (dropMakerNote) doomed.push_back("Exif.Photo.MakerNote");
     for (const auto& key : doomed) {
       const auto it = exif.findKey(Exiv2::ExifKey(key));
       if (it != exif.end()) exif.erase(it);
@@ -173,6 +215,7 @@ std::vector<uint8_t> resolveExif(std::span<const uint8_t> sourceExif, const Colo
     }
     return {blob.begin(), blob.end()};
   } catch (const Exiv2::AnyError&) {
+    drop("exif");
     return {};
   }
 }
@@ -204,12 +247,14 @@ OutputMetadata OutputMetadata::resolve(const SourceImage& source, const ColourPo
     if (policy.profile == ProfilePolicy::srgb)
       metadata.icc = sRGBProfile();
     else if (!source.colorSpace.iccProfile.empty())
-      metadata.icc = source.colorSpace.iccProfile;
+      metadata.icc = source.colorSpace.iccProfile;  // only a profile lcms could read
     else
       metadata.icc = source.isRGB() ? sRGBProfile() : greyGamma22Profile();
   }
-  metadata.exif = resolveExif(source.exif, policy, width, height);
-  metadata.xmp = resolveXmp(source.xmpMetadata, policy, claims);
+  metadata.exif = resolveExif(source.exif, policy, width, height, &metadata.dropped);
+  bool xmpDropped = false;
+  metadata.xmp = resolveXmp(source.xmpMetadata, policy, claims, &xmpDropped);
+  if (xmpDropped) metadata.dropped.push_back("xmp");
   return metadata;
 }
 

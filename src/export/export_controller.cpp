@@ -727,6 +727,7 @@ void ExportController::runPublish(const Job& job, const JobItem& item, ItemRun& 
   inputs.jpegReport = run.encoded.jpegReport;
   inputs.webpOptions = run.encoded.webpOptions;
   inputs.heifQuality = run.encoded.heifQuality;
+  inputs.metadataDropped = run.encoded.metadataDropped;
   inputs.timings = run.timings;
   inputs.jobID = job.id;
   inputs.itemID = item.id;

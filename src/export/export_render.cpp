@@ -60,6 +60,7 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
   }
   const encoding::OutputMetadata metadata = encoding::OutputMetadata::resolve(
       source, policy, claims, static_cast<int>(size.width), static_cast<int>(size.height));
+  result.metadataDropped = metadata.dropped;
 
   codec::PixelBuffer image;
   {

@@ -21,6 +21,8 @@ struct EncodedExport {
   std::optional<encoding::WebPOptions> webpOptions;
   std::optional<int> heifQuality;
   std::vector<std::string> claims;
+  // Source metadata left out because it could not be read.
+  std::vector<std::string> metadataDropped;
   // Seconds per stage: "linearise", "render", "encode".
   std::map<std::string, double> timings;
 };

@@ -121,7 +121,8 @@ nlohmann::ordered_json dimensionsMode(const ExportOptions& options) {
   return mode;
 }
 
-nlohmann::ordered_json colourSection(const encoding::ColourPolicy& policy) {
+nlohmann::ordered_json colourSection(const encoding::ColourPolicy& policy,
+                                     const std::vector<std::string>& dropped) {
   nlohmann::ordered_json colour;
   colour["profile_policy"] = std::string(encoding::rawValue(policy.profile));
   colour["flatten_colour"] = policy.flatten;
@@ -129,6 +130,9 @@ nlohmann::ordered_json colourSection(const encoding::ColourPolicy& policy) {
                                {"exif", std::string(encoding::rawValue(policy.exif))},
                                {"xmp", std::string(encoding::rawValue(policy.xmp))},
                                {"gps", std::string(encoding::rawValue(policy.gps))}};
+  // Source metadata the policy would have kept but that could not be read:
+  // it was left out rather than carried unexamined.
+  colour["metadata_dropped"] = dropped;
   return colour;
 }
 
@@ -265,7 +269,7 @@ nlohmann::ordered_json Receipt::build(const std::string& appVersion, const std::
   document["canvas"] = nullptr;
   document["crop"] = nullptr;
   document["masks"] = {{"resolved_mask_sha256", nullptr}};
-  document["colour"] = colourSection(inputs.options.colourPolicy);
+  document["colour"] = colourSection(inputs.options.colourPolicy, inputs.metadataDropped);
   document["encoder"] = encoderSection(inputs);
   document["text_check"] = nullptr;
   document["quality_flags"] = Json::array();

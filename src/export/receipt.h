@@ -73,6 +73,8 @@ struct ReceiptInputs {
   std::optional<encoding::WebPOptions> webpOptions;
   std::optional<int> heifQuality;
   std::optional<EstimateProvenance> estimate;
+  // Source metadata left out because it could not be read ("xmp", ...).
+  std::vector<std::string> metadataDropped;
   // Seconds per compute stage ("load", "render", "encode").
   std::map<std::string, double> timings;
   // The export queue's job and item and the attempt: lets a resumed export

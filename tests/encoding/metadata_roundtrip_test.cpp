@@ -149,9 +149,52 @@ TEST(ExportMetadata, DisclosureRules) {
   EXPECT_NE(resolveXmp(std::nullopt, stripXmp, estimate).value_or("").find("compositeWithTrained"),
             std::string::npos);
   EXPECT_FALSE(resolveXmp(std::nullopt, {}, {}));
-  // A packet exiv2 cannot parse is carried as it was.
+  // A packet exiv2 cannot parse is never carried; the disclosure still is.
   const std::string broken = "<x:xmpmeta><rdf:RDF><unclosed>";
-  EXPECT_EQ(resolveXmp(broken, {}, {}), broken);
+  bool dropped = false;
+  EXPECT_FALSE(resolveXmp(broken, {}, {}, &dropped));
+  EXPECT_TRUE(dropped);
+  const auto disclosed = resolveXmp(broken, {}, estimate).value_or("");
+  EXPECT_NE(disclosed.find("compositeWithTrained"), std::string::npos);
+  EXPECT_EQ(disclosed.find("unclosed"), std::string::npos);
+}
+
+// One bare "&" makes a packet malformed XML that exiftool and viewers read
+// all the same; its location must not go out under a policy that strips
+// it, from any container, and the disclosure must still go out.
+TEST(ExportMetadata, ADamagedPacketIsDroppedFromEveryContainer) {
+  testing::TempDir dir;
+  const std::string damaged =
+      "<x:xmpmeta xmlns:x='adobe:ns:meta/'><rdf:RDF "
+      "xmlns:rdf='http://www.w3.org/1999/02/22-rdf-syntax-ns#'><rdf:Description "
+      "xmlns:exif='http://ns.adobe.com/exif/1.0/' xmlns:photoshop='http://ns.adobe.com/photoshop/1.0/' "
+      "exif:GPSLatitude='51,30.0N' exif:GPSLongitude='0,6.0W' photoshop:City='Fish & Chips'/>"
+      "</rdf:RDF></x:xmpmeta>";
+  PixelBuffer pixels;
+  pixels.allocate(24, 16, 3, SampleFormat::uint8);
+  std::fill(pixels.data.begin(), pixels.data.end(), uint8_t{128});
+  OutputMetadata withDamage;
+  withDamage.xmp = damaged;
+  const std::vector<std::string> estimate{std::string(kClaimEstimateExport)};
+  std::vector<std::filesystem::path> sources, outputs;
+  for (const ExportFormat format : writableFormats()) {
+    sources.push_back(dir / ("source." + std::string(fileExtension(format))));
+    testing::writeBytes(sources.back(), encodeAs(format, pixels, withDamage));
+    const SourceImage source = ResampleEngine::load(sources.back());
+    ASSERT_EQ(source.xmpMetadata.value_or(""), damaged) << sources.back();
+    const auto metadata = OutputMetadata::resolve(source, {}, estimate, 24, 16);
+    EXPECT_EQ(metadata.dropped, std::vector<std::string>{"xmp"}) << sources.back();
+    outputs.push_back(dir / ("out-" + sources.back().filename().string() + ".jpg"));
+    testing::writeBytes(outputs.back(), encodeAs(ExportFormat::jpeg, pixels, metadata));
+  }
+  const auto tags = readBack(sources);
+  EXPECT_TRUE(tags.at(sources[0].string()).contains("XMP-exif:GPSLatitude"))
+      << "exiftool no longer reads the damaged packet; the test proves nothing";
+  for (const auto& [file, t] : readBack(outputs)) {
+    EXPECT_FALSE(t.contains("XMP-exif:GPSLatitude")) << file;
+    EXPECT_FALSE(t.contains("XMP-photoshop:City")) << file;
+    EXPECT_EQ(t.value("XMP-iptcExt:DigitalSourceType", ""), kDigitalSourceTypeComposite) << file;
+  }
 }
 
 PixelBuffer gradient16(int width, int height, int channels) {
