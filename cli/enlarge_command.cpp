@@ -7,6 +7,7 @@
 #include <set>
 
 #include "cli/exit_codes.h"
+#include "cli/help_option.h"
 #include "cli/export_session.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
@@ -320,6 +321,10 @@ std::vector<fs::path> expandInputs(const Options& options) {
 }  // namespace
 
 int runEnlarge(const std::vector<std::string>& arguments) {
+  if (wantsHelp(arguments)) {
+    std::cout << kUsage;
+    return kExitSuccess;
+  }
   Options options;
   try {
     options = parseOptions(arguments);

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/exit_codes.h"
+#include "cli/help_option.h"
 #include "codec/decoder_pool.h"
 #include "engine/resample_engine.h"
 #include "engine/source_probe.h"
@@ -86,6 +87,10 @@ void printText(const FileReport& r) {
 }  // namespace
 
 int runInfo(const std::vector<std::string>& arguments) {
+  if (wantsHelp(arguments)) {
+    std::cout << "Usage: tarnbloom info [--json] FILE...\n";
+    return kExitSuccess;
+  }
   bool json = false;
   std::vector<std::string> files;
   bool optionsEnded = false;

@@ -1,6 +1,7 @@
 // The command-line tool: `tarnbloom COMMAND ...`.
 
 #include <clocale>
+#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -35,6 +36,10 @@ constexpr const char* kUsage =
 
 int main(int argc, char** argv) {
   std::setlocale(LC_ALL, "");
+  // A reader that goes away (`tarnbloom enlarge ... | head -1`) must not
+  // stop an export half-way: writes to it then fail quietly, and the job
+  // runs to its end.
+  std::signal(SIGPIPE, SIG_IGN);
   std::vector<std::string> arguments(argv + 1, argv + argc);
   if (arguments.empty()) {
     std::cerr << kUsage;

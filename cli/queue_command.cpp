@@ -4,6 +4,7 @@
 #include <map>
 
 #include "cli/exit_codes.h"
+#include "cli/help_option.h"
 #include "cli/export_session.h"
 #include "export/file_bookmark.h"
 
@@ -58,6 +59,10 @@ void list(ExportSession& session) {
 }  // namespace
 
 int runQueue(const std::vector<std::string>& arguments) {
+  if (wantsHelp(arguments)) {
+    std::cout << kUsage;
+    return kExitSuccess;
+  }
   if (arguments.size() > 1 ||
       (arguments.size() == 1 && arguments[0] != "resume" && arguments[0] != "retry")) {
     std::cerr << kUsage;

@@ -86,5 +86,27 @@ TEST(EnlargeCommand, ReportsEachBadFileAndExportsTheRest) {
             3);
 }
 
+TEST(EnlargeCommand, HelpAndAReaderThatGoesAwayAreNoReasonToFail) {
+  for (const std::string command : {"enlarge", "queue", "info"}) {
+    std::string usage;
+    EXPECT_EQ(testing::runCommand(std::string(TARNBLOOM_CLI) + " " + command + " --help", &usage),
+              0);
+    EXPECT_EQ(usage.rfind("Usage: tarnbloom " + command, 0), 0u) << usage;
+  }
+  // `| head -c 1` closes the pipe after the first byte; the export goes on
+  // to its end, with the status it would have had.
+  testing::TempDir dir;
+  std::string status;
+  testing::runCommand("{ { TARNBLOOM_HOME='" + (dir / "home").string() + "' " + TARNBLOOM_CLI +
+                          " enlarge --size x2 --out '" + (dir / "out").string() + "' '" +
+                          testing::samplePath("chelsea.png").string() + "' '" +
+                          testing::samplePath("coffee.png").string() + "' '" +
+                          testing::samplePath("rocket.jpg").string() +
+                          "' 2>&1; echo $? >&3; } | head -c 1 >/dev/null; } 3>&1",
+                      &status);
+  EXPECT_EQ(status, "0\n");
+  EXPECT_EQ(testing::filesIn(dir / "out").size(), 3u);
+}
+
 }  // namespace
 }  // namespace tarnbloom
