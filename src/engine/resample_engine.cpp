@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 
 #include "codec/codec_error.h"
@@ -74,7 +75,11 @@ SourceImage ResampleEngine::load(const std::filesystem::path& url) {
   try {
     bytes = SealedBytes::readFile(url);
   } catch (const FileError& error) {
-    throw EngineError::unreadable(url, error.description());
+    // Something that is not a file is not an image; any other failure
+    // (no permission, an I/O error) is the system's to report, unchanged.
+    if (error.errnoValue() == EINVAL || error.errnoValue() == EISDIR)
+      throw EngineError::unreadable(url, error.description());
+    throw;
   }
   return load(url, bytes);
 }

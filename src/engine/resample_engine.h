@@ -78,7 +78,8 @@ class ResampleEngine {
 
   // Reads the file once, hashes those bytes and decodes frame 0 from them.
   // Throws EngineError: unreadable, unsupportedFormat (GIF), multiFrame,
-  // animatedWebP, unsupportedDepth.
+  // animatedWebP, unsupportedDepth; FileError when the file cannot be
+  // read at all (no permission, an I/O error).
   static SourceImage load(const std::filesystem::path& url);
   // The same for bytes already read and sealed; `url` names them.
   static SourceImage load(const std::filesystem::path& url, const SealedBytes& bytes);

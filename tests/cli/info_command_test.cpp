@@ -99,5 +99,24 @@ TEST(InfoCommand, AgreesWithExiftool) {
   }
 }
 
+// A file we may not read is a permission problem, said as the system says
+// it, not a damaged image. Run as an ordinary user: root may read anything.
+TEST(InfoCommand, AFileWeMayNotReadIsAPermissionProblem) {
+  TempDir dir;
+  const auto secret = dir / "secret.jpg";
+  testing::writeJpeg(secret, 30, 20, std::vector<uint8_t>(30 * 20 * 3, 90));
+  std::filesystem::permissions(secret, std::filesystem::perms::none);
+  std::filesystem::permissions(dir.path(), std::filesystem::perms::all);
+  std::string said;
+  const int status = testing::runCommand(
+      "setpriv --reuid=65534 --regid=65534 --clear-groups " + std::string(TARNBLOOM_CLI) +
+          " info '" + secret.string() + "' 2>&1",
+      &said);
+  EXPECT_EQ(status, 3) << said;
+  EXPECT_NE(said.find("Couldn’t open “secret.jpg”: Permission denied."), std::string::npos)
+      << said;
+  EXPECT_EQ(said.find("couldn’t be read as an image"), std::string::npos) << said;
+}
+
 }  // namespace
 }  // namespace tarnbloom
