@@ -93,7 +93,8 @@ bool queueHasJob(const fs::path& home) {
 
 bool hasFailedItem(const fs::path& home) {
   if (!fs::exists(home / "export-queue.json")) return false;
-  for (const auto& job : readJson(home / "export-queue.json")["jobs"])
+  const auto queue = readJson(home / "export-queue.json");
+  for (const auto& job : queue["jobs"])
     for (const auto& item : job["items"])
       if (item["state"] == "failed") return true;
   return false;
