@@ -487,12 +487,15 @@ DecodedFrame decodeHeif(Bytes bytes, Container container) {
   const bool deep = bits > 8;
 
   // Pixels stay as stored and the orientation travels beside them. A clean
-  // aperture crop cannot be applied without the transformations, so such a
-  // file is decoded upright and turned back afterwards.
+  // aperture crop cannot be applied without the transformations, and
+  // libheif 1.15 turns an alpha item by its own 'irot'/'imir' even when
+  // told to ignore them (then refuses the mismatched planes): such files
+  // are decoded upright and turned back afterwards.
   const PrimaryTransforms transforms = primaryTransforms(raw);
+  const bool decodeUpright = transforms.cropped || (alpha && transforms.orientation != 1);
   const DecodingOptions options(heif_decoding_options_alloc());
   if (!options) throw CodecError::unreadable("out of memory");
-  options->ignore_transformations = transforms.cropped ? 0 : 1;
+  options->ignore_transformations = decodeUpright ? 0 : 1;
   options->convert_hdr_to_8bit = 0;
   const heif_chroma chroma =
       deep ? (alpha ? heif_chroma_interleaved_RRGGBBAA_LE : heif_chroma_interleaved_RRGGBB_LE)
@@ -524,8 +527,7 @@ DecodedFrame decodeHeif(Bytes bytes, Container container) {
     else
       unpremultiply<uint8_t>(out.pixels);
   }
-  if (transforms.cropped && out.orientation != 1)
-    out.pixels = unorient(out.pixels, out.orientation);
+  if (decodeUpright && out.orientation != 1) out.pixels = unorient(out.pixels, out.orientation);
 
   out.iccProfile = colourProfile(handle.get());
   readMetadata(handle.get(), out);
