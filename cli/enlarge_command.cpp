@@ -41,7 +41,9 @@ constexpr const char* kUsage =
     "  --max-kb N           JPEG file size ceiling in kilobytes (1 KB = 1000 bytes)\n"
     "  --profile keep|srgb  --icc keep|strip  --exif keep|strip  --xmp keep|strip\n"
     "  --gps keep|strip     (default: keep profile, ICC, EXIF and XMP; strip GPS)\n"
-    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n";
+    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n"
+    "  --allow-8bit         confirm that 16-bit sources may be reduced to 8 bits for JPEG and\n"
+    "                       WebP (without it such files are skipped)\n";
 
 struct SizeRequest {
   SizeMode mode = SizeMode::x2;
@@ -66,6 +68,7 @@ struct Options {
   IfExists ifExists = IfExists::number;
   bool receiptsBeside = false;
   bool recursive = false;
+  bool allow8Bit = false;
   std::vector<std::filesystem::path> files;
 };
 
@@ -202,6 +205,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.receiptsBeside = v == "beside";
     } else if (a == "--recursive") {
       options.recursive = true;
+    } else if (a == "--allow-8bit") {
+      options.allow8Bit = true;
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("Unknown option “" + a + "”.");
     } else {
@@ -363,6 +368,7 @@ int runEnlarge(const std::vector<std::string>& arguments) {
   exporting::Submission submission;
   submission.options = exportOptions;
   submission.receiptsBesideExports = options.receiptsBeside;
+  submission.confirmed16BitReduction = options.allow8Bit;
   std::set<fs::path> planned;
   bool replaceAny = false;
   int skipped = 0, failed = 0;
@@ -452,6 +458,7 @@ int runEnlarge(const std::vector<std::string>& arguments) {
     submission.agent = exporting::AgentSubmission{};
     submission.agent->replaceExisting = true;
   }
+  if (options.out.empty()) session->saveBesideOriginals();
   session->countSkippedBeforeRun(skipped);
   session->countFailedBeforeRun(failed);
   if (!submission.urls.empty()) {

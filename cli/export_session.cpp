@@ -237,11 +237,19 @@ int ExportSession::run() {
     std::signal(SIGINT, previous);
   }
   const int failed = m_outcome.failed + m_failedBeforeRun;
-  std::cout << "Exported " << plural(m_outcome.exported, "file", "files");
-  if (failed > 0) std::cout << ", " << failed << " failed";
-  if (m_outcome.skippedInRun > 0) std::cout << ", " << m_outcome.skippedInRun << " skipped";
-  std::cout << ".\n";
+  if (m_outcome.exported == 0)
+    std::cout << "No files exported.\n";
+  else
+    std::cout << "Exported " << plural(m_outcome.exported, "file", "files") << ".\n";
+  if (failed > 0) std::cout << failed << " failed. See receipt.\n";
+  if (const int skipped = m_outcome.skippedInRun + m_skippedBeforeRun; skipped > 0)
+    std::cout << skipped << " skipped. See receipt.\n";
+  if (m_outcome.exported > 0 && m_besideOriginals) std::cout << "Saved next to the original.\n";
   if (m_stopped) return kExitCancelled;
+  // Files the export itself skipped (a 16-bit source nobody confirmed for
+  // an 8-bit format) were wanted: with nothing exported the run failed.
+  // Names the user said to skip were not.
+  if (m_outcome.exported == 0 && (failed > 0 || m_outcome.skippedInRun > 0)) return kExitFailure;
   if (failed == 0 && !m_halted) return kExitSuccess;
   return m_outcome.exported == 0 ? kExitFailure : kExitPartial;
 }

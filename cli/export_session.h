@@ -37,14 +37,18 @@ class ExportSession {
   // Counts a job that will be started before run().
   void expectJob() { ++m_expectedJobs; }
   // Files refused before a job was made (already exists with skip, ...).
-  void countSkippedBeforeRun(int count) { m_outcome.skippedInRun += count; }
+  void countSkippedBeforeRun(int count) { m_skippedBeforeRun += count; }
   void countFailedBeforeRun(int count) { m_failedBeforeRun += count; }
+  // The outputs go beside their sources; the summary says so.
+  void saveBesideOriginals() { m_besideOriginals = true; }
 
  private:
   void onJobFinished(const exporting::Job& job, const exporting::JobReport& report,
                      const exporting::JobOutcome& outcome);
 
   int m_lockFD = -1;
+  bool m_besideOriginals = false;
+  int m_skippedBeforeRun = 0;
   EventLoop m_loop;
   std::unique_ptr<exporting::ExportQueueStore> m_queue;
   exporting::ExportOperationLedger m_ledger;

@@ -30,6 +30,8 @@ namespace {
 constexpr const char* kUnconfirmedReduction =
     "This source is 16-bit and the output format stores 8-bit channels. It was skipped because "
     "nobody could confirm the reduction; choose a format that keeps 16-bit.";
+constexpr const char* kUnconfirmedDisclosure =
+    "The 16-bit disclosure wasn’t confirmed, so this file was skipped.";
 
 std::string errorText(const Error& error) {
   std::string text = error.description();
@@ -223,6 +225,7 @@ std::string ExportController::submit(Submission submission) {
   queued.plannedSizes = submission.plannedSizes;
   queued.replaceExisting = job->replaceExisting();
   queued.receiptsBesideExports = submission.receiptsBesideExports;
+  queued.confirmed16BitReduction = submission.confirmed16BitReduction;
 
   std::vector<std::string> itemIDs;
   try {
@@ -264,6 +267,7 @@ std::string ExportController::resume(const PersistedExportJob& persisted) {
   job->options = persisted.options.options();  // throws unreadableSettings
   job->fromFinder = persisted.fromFinder;
   job->receiptsBesideExports = persisted.receiptsBesideExports.value_or(false);
+  job->confirmed16BitReduction = persisted.confirmed16BitReduction;
   if (persisted.replaceExisting) {
     job->agent = AgentSubmission{};
     job->agent->replaceExisting = true;
@@ -615,8 +619,10 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
   if (source.bitsPerComponent == 16 && !encoding::supports16Bit(run.format) &&
       !job.confirmed16BitReduction) {
     result.kind = Result::Kind::skipped;
-    // Nobody watches a queued export to confirm the reduction.
-    result.errorText = kUnconfirmedReduction;
+    // A person who started the job could have confirmed and did not; a
+    // request from another program or the file manager had nobody to ask.
+    result.errorText =
+        job.agent || job.fromFinder ? kUnconfirmedReduction : kUnconfirmedDisclosure;
     run.ended = true;
     return;
   }

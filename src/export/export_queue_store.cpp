@@ -60,6 +60,7 @@ ordered_json encodeJob(const PersistedExportJob& job) {
   putOptional(object, "folderSKU", job.folderSKU);
   putOptional(object, "folderDate", job.folderDate);
   if (job.replaceExisting) object["replaceExisting"] = true;
+  if (job.confirmed16BitReduction) object["confirmed16BitReduction"] = true;
   putOptional(object, "receiptsBesideExports", job.receiptsBesideExports);
   putOptional(object, "created", job.created);
   return object;
@@ -119,6 +120,8 @@ PersistedExportJob decodeJob(const json& object) {
   job.folderSKU = optional<std::string>(object, "folderSKU");
   job.folderDate = optional<std::string>(object, "folderDate");
   job.replaceExisting = optional<bool>(object, "replaceExisting").value_or(false);
+  job.confirmed16BitReduction =
+      optional<bool>(object, "confirmed16BitReduction").value_or(false);
   job.receiptsBesideExports = optional<bool>(object, "receiptsBesideExports");
   job.created = optional<std::string>(object, "created");
   const auto items = object.find("items");
@@ -281,6 +284,7 @@ const PersistedExportJob& ExportQueueStore::enqueue(const QueueSubmission& submi
   job.folderSKU = submission.folderSKU;
   job.folderDate = submission.folderDate;
   job.replaceExisting = submission.replaceExisting;
+  job.confirmed16BitReduction = submission.confirmed16BitReduction;
   job.receiptsBesideExports = submission.receiptsBesideExports;
   job.created = formatIso8601(std::chrono::system_clock::now());
   for (size_t i = 0; i < submission.urls.size(); ++i) {

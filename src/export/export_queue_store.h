@@ -45,6 +45,8 @@ struct PersistedExportJob {
   std::optional<std::string> folderDate;
   // Assigned outputs replace files already at their paths.
   bool replaceExisting = false;
+  // A person confirmed reducing 16-bit sources to 8-bit formats.
+  bool confirmed16BitReduction = false;
   // Where receipts go; unset: the user's setting at run time.
   std::optional<bool> receiptsBesideExports;
   std::optional<std::string> created;  // ISO-8601
@@ -64,6 +66,7 @@ struct QueueSubmission {
   std::vector<std::optional<std::filesystem::path>> assignedOutputs;  // empty or one per URL
   std::vector<std::optional<std::pair<int64_t, int64_t>>> plannedSizes;
   bool replaceExisting = false;
+  bool confirmed16BitReduction = false;
   std::optional<bool> receiptsBesideExports;
 };
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "fixtures.h"
 #include "test_support.h"
 
 namespace tarnbloom {
@@ -106,6 +107,29 @@ TEST(EnlargeCommand, HelpAndAReaderThatGoesAwayAreNoReasonToFail) {
                       &status);
   EXPECT_EQ(status, "0\n");
   EXPECT_EQ(testing::filesIn(dir / "out").size(), 3u);
+}
+
+// JPEG keeps 8 bits: a 16-bit source goes there only when the person says
+// so with --allow-8bit; otherwise it is skipped and the run has failed.
+TEST(EnlargeCommand, SixteenBitToJpegNeedsAllow8Bit) {
+  testing::TempDir dir;
+  std::vector<uint16_t> deep(40 * 30 * 3);
+  for (size_t i = 0; i < deep.size(); ++i) deep[i] = static_cast<uint16_t>(i * 997 % 65536);
+  testing::writePng(dir / "deep.png", 40, 30, 3, 16, deep);
+  const std::string photo = " '" + (dir / "deep.png").string() + "'";
+  std::string said;
+  EXPECT_EQ(enlarge(dir / "home", "--format jpeg --out '" + (dir / "out").string() + "'" + photo,
+                    &said),
+            3);
+  EXPECT_NE(said.find("deep.png: skipped. The 16-bit disclosure wasn’t confirmed, so this file "
+                      "was skipped.\nNo files exported.\n1 skipped. See receipt.\n"),
+            std::string::npos)
+      << said;
+  EXPECT_TRUE(testing::filesIn(dir / "out").empty());
+  EXPECT_EQ(enlarge(dir / "home", "--allow-8bit --format jpeg" + photo, &said), 0);
+  EXPECT_NE(said.find("Exported 1 file.\nSaved next to the original.\n"), std::string::npos)
+      << said;
+  EXPECT_TRUE(fs::exists(dir / "deep_80x60.jpg"));
 }
 
 }  // namespace

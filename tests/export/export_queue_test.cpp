@@ -119,8 +119,12 @@ TEST_F(QueueFixture, KeepsFilesItCannotReadAndStillQueuesNewWork) {
   EXPECT_TRUE(aside.starts_with("export-queue.corrupt-") && aside.ends_with(".json")) << aside;
   EXPECT_EQ(readText(*store.quarantinedAt()), "{\"schemaVersion\": 1, \"jobs\": [tru");
   EXPECT_TRUE(store.jobs().empty());
-  store.enqueue(submission(2));
-  EXPECT_EQ(ExportQueueStore(state).jobs().at(0).items.size(), 2u);
+  QueueSubmission confirmed = submission(2);
+  confirmed.confirmed16BitReduction = true;  // a resumed job must not ask again
+  store.enqueue(confirmed);
+  const ExportQueueStore reread(state);
+  EXPECT_EQ(reread.jobs().at(0).items.size(), 2u);
+  EXPECT_TRUE(reread.jobs().at(0).confirmed16BitReduction);
 }
 
 TEST_F(QueueFixture, AJobWithUnknownSettingsIsListedButCannotRun) {
