@@ -30,7 +30,7 @@ constexpr const char* kUsage =
     "  --method exact|clarity|enhance   (default exact)\n"
     "  --strength S         Enhance only: how much AI estimate to keep, 0.1...1.0 (default 0.5)\n"
     "  --out DIR            output folder (default: beside each source)\n"
-    "  --name TEMPLATE      naming template -- tokens: {source} {sku} {w} {h} {method} "
+    "  --name TEMPLATE      Naming template -- tokens: {source} {sku} {w} {h} {method} "
     "{format} {scale} {date} {index} {n}\n"
     "  --if-exists number|skip|overwrite   when the name is taken (default number: \"name 2\")\n"
     "  --receipts beside|store   receipt next to each export, or in the receipts folder (default "

@@ -110,8 +110,14 @@ std::string EngineError::description() const {
       return quotedName(m_url) + " is an animated WebP with " + std::to_string(m_a) +
              " frames. Animated WebP export is not supported.";
     case Case::vImage:
-      return "The resampler failed at the " + m_text + " stage (vImage error " +
-             std::to_string(m_a) + ").";
+      // The code says what went wrong in words of this program; no other
+      // platform's interface is named.
+      return "The resampler failed at the " + m_text + " stage (" +
+             (m_a == kResamplerMemoryAllocationError ? std::string("not enough memory")
+              : m_a == kResamplerInvalidParameter
+                  ? std::string("invalid input")
+                  : "error " + std::to_string(m_a)) +
+             ").";
     case Case::encode:
       return "The file couldn’t be written to " + quotedName(m_url) + ".";
     case Case::missingDisclosure:
