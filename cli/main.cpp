@@ -25,7 +25,7 @@ constexpr const char* kUsage =
     "                          SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
     "                          --format same|png|jpeg|tiff|webp|avif|heic  --quality N  --max-kb N\n"
     "                          --profile keep|srgb  --icc|--exif|--xmp|--gps keep|strip\n"
-    "                          --flatten white|black|#RRGGBB  --strength S (enhance)\n"
+    "                          --flatten white|black|#RRGGBB  --strength S (enhance)  --allow-8bit\n"
     "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"

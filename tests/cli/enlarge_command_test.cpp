@@ -94,6 +94,11 @@ TEST(EnlargeCommand, HelpAndAReaderThatGoesAwayAreNoReasonToFail) {
               0);
     EXPECT_EQ(usage.rfind("Usage: tarnbloom " + command, 0), 0u) << usage;
   }
+  // The manual page is made of those texts and must stay valid roff.
+  const auto manual = fs::path(TARNBLOOM_CLI).parent_path() / "tarnbloom.1";
+  std::string warnings;
+  EXPECT_EQ(testing::runCommand("groff -ww -z -man '" + manual.string() + "' 2>&1", &warnings), 0);
+  EXPECT_EQ(warnings, "");
   // `| head -c 1` closes the pipe after the first byte; the export goes on
   // to its end, with the status it would have had.
   testing::TempDir dir;
