@@ -115,6 +115,7 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
   const SrvggNetwork& network = model();
   if (network.upscale != scale) throw EstimateError::modelFailed("prediction must be [1, 3, 1024, 1024]");
   std::lock_guard render(m_renderLock);
+  ++m_inferences;
   if (!m_runner)
     m_runner = std::make_unique<EstimateNetwork>(network, tileSize, tileSize, 1, EstimateNetwork::defaultPrecision());
 

@@ -75,6 +75,8 @@ class EstimateEngine {
 
   // Replaces the model, for tests and experiments.
   void useModel(SrvggNetwork network, std::string digest);
+  // Whole-mosaic inferences run so far (for diagnostics and tests).
+  int64_t inferences() const { return m_inferences; }
 
  private:
   EstimateEngine() = default;
@@ -83,6 +85,7 @@ class EstimateEngine {
   std::optional<SrvggNetwork> m_network;
   std::string m_digest;
   std::unique_ptr<EstimateNetwork> m_runner;
+  std::atomic<int64_t> m_inferences{0};
 };
 
 }  // namespace tarnbloom

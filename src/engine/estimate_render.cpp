@@ -66,34 +66,54 @@ std::vector<uint8_t> ResampleEngine::exactMosaic(ResampleTarget target) const {
   return mosaic;
 }
 
-codec::PixelBuffer ResampleEngine::renderEstimate(ResampleTarget target, const RenderOutput& output,
-                                                  const OutputConverter& converter,
-                                                  const RenderProgress& progress,
-                                                  const std::atomic<bool>* cancel) const {
+std::shared_ptr<const std::vector<uint8_t>> ResampleEngine::blendedEstimate(
+    ResampleTarget target, double strength, const RenderProgress& progress,
+    const std::atomic<bool>* cancel) const {
   EstimateEngine::shared().model();  // a missing model fails before any rendering
-  const ResampleTarget sourceSize{m_linear.width, m_linear.height};
-  const MosaicImage mosaic{sourceSize.width, sourceSize.height, exactMosaic(sourceSize)};
-  const MosaicImage estimate = EstimateEngine::shared().inferTiled(mosaic, progress, cancel);
+  strength = EstimateEngine::clampStrength(strength);
+  std::lock_guard lock(m_estimate->lock);
+  EstimateCache& cache = *m_estimate;
+  if (cache.width != target.width || cache.height != target.height) {
+    const ResampleTarget sourceSize{m_linear.width, m_linear.height};
+    const MosaicImage mosaic{sourceSize.width, sourceSize.height, exactMosaic(sourceSize)};
+    MosaicImage estimate = EstimateEngine::shared().inferTiled(mosaic, progress, cancel);
+    std::vector<uint8_t> pixels = estimate.width == target.width && estimate.height == target.height
+                                      ? std::move(estimate.rgba)
+                                      : resizeMosaic(estimate, target);
+    std::vector<uint8_t> exact = exactMosaic(target);
+    cache.estimate = std::move(pixels);
+    cache.exact = std::move(exact);
+    cache.width = target.width;
+    cache.height = target.height;
+    cache.blended.reset();
+  } else if (progress) {
+    progress(1, 1);  // nothing left to infer
+  }
+  if (!cache.blended || cache.strength != strength) {
+    cache.blended = std::make_shared<const std::vector<uint8_t>>(
+        EstimateEngine::isUnblended(strength)
+            ? cache.estimate
+            : EstimateEngine::blendedPixels(cache.estimate, cache.exact, strength));
+    cache.strength = strength;
+  }
+  return cache.blended;
+}
 
-  std::vector<uint8_t> pixels = estimate.width == target.width && estimate.height == target.height
-                                    ? estimate.rgba
-                                    : resizeMosaic(estimate, target);
-  if (!EstimateEngine::isUnblended(output.estimateStrength))
-    pixels = EstimateEngine::blendedPixels(pixels, exactMosaic(target), output.estimateStrength);
-  if (cancel && cancel->load()) throw EngineError::cancelled();
+namespace {
 
+// Rows [y0, y0 + out.height) and columns [x0, x0 + out.width) of an 8-bit
+// premultiplied sRGB mosaic `width` pixels wide, through `converter`.
+void convertMosaic(const std::vector<uint8_t>& pixels, int64_t width, int64_t x0, int64_t y0,
+                   const OutputConverter& converter, codec::PixelBuffer& out) {
   float decode[256];
   for (int v = 0; v < 256; ++v) decode[v] = linearFromSRGB(v / 255.0);
-  codec::PixelBuffer result;
-  result.allocate(static_cast<int>(target.width), static_cast<int>(target.height), converter.channels(),
-                  converter.format());
 #pragma omp parallel
   {
-    FloatImage row(target.width, 1, 4);
+    FloatImage row(out.width, 1, 4);
 #pragma omp for schedule(static)
-    for (int64_t y = 0; y < target.height; ++y) {
-      const uint8_t* in = pixels.data() + static_cast<size_t>(y * target.width) * 4;
-      for (int64_t x = 0; x < target.width; ++x) {
+    for (int y = 0; y < out.height; ++y) {
+      const uint8_t* in = pixels.data() + static_cast<size_t>((y0 + y) * width + x0) * 4;
+      for (int x = 0; x < out.width; ++x) {
         // Straight sRGB, then linear light premultiplied: the working format.
         const uint8_t alpha = in[x * 4 + 3];
         const float a = alpha / 255.0f;
@@ -103,10 +123,35 @@ codec::PixelBuffer ResampleEngine::renderEstimate(ResampleTarget target, const R
         }
         row.data[x * 4 + 3] = a;
       }
-      converter.convertRow(row.data.data(), target.width, result.row(static_cast<int>(y)));
+      converter.convertRow(row.data.data(), out.width, out.row(y));
     }
   }
+}
+
+}  // namespace
+
+codec::PixelBuffer ResampleEngine::renderEstimate(ResampleTarget target, const RenderOutput& output,
+                                                  const OutputConverter& converter,
+                                                  const RenderProgress& progress,
+                                                  const std::atomic<bool>* cancel) const {
+  const auto pixels = blendedEstimate(target, output.estimateStrength, progress, cancel);
+  if (cancel && cancel->load()) throw EngineError::cancelled();
+  codec::PixelBuffer result;
+  result.allocate(static_cast<int>(target.width), static_cast<int>(target.height), converter.channels(),
+                  converter.format());
+  convertMosaic(*pixels, target.width, 0, 0, converter, result);
   return result;
+}
+
+codec::PixelBuffer ResampleEngine::estimateTile(ResampleTarget target, OutputRect rect,
+                                                const OutputConverter& converter,
+                                                double strength) const {
+  const auto pixels = blendedEstimate(target, strength, {}, nullptr);
+  codec::PixelBuffer tile;
+  tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
+                converter.format());
+  convertMosaic(*pixels, target.width, rect.x, rect.y, converter, tile);
+  return tile;
 }
 
 }  // namespace tarnbloom

@@ -65,9 +65,12 @@ class ResampleEngine {
                                  const std::atomic<bool>* cancel = nullptr,
                                  int64_t bandBudgetOverride = 0) const;
 
-  // Only `rect` of the output at `target` size, 8 bits, for the compare view.
+  // Only `rect` of the output at `target` size, 8 bits, for the compare view:
+  // the same pixels the export writes there. Enhance renders the estimate
+  // at `estimateStrength` (running the network once per target size; a new
+  // strength only blends again) or throws, never anything else.
   codec::PixelBuffer previewTile(ResampleTarget target, OutputRect rect, ResampleMethod method,
-                                 bool keepProfile) const;
+                                 bool keepProfile, double estimateStrength = 0.5) const;
 
   // Source rows of context each band renders above and below itself (and
   // columns beside a tile, for Clarity).
@@ -107,8 +110,16 @@ class ResampleEngine {
   codec::PixelBuffer renderEstimate(ResampleTarget target, const RenderOutput& output,
                                     const OutputConverter& converter, const RenderProgress& progress,
                                     const std::atomic<bool>* cancel) const;
+  // `rect` of the Enhance render at `target`, from the cached estimate.
+  codec::PixelBuffer estimateTile(ResampleTarget target, OutputRect rect,
+                                  const OutputConverter& converter, double strength) const;
   // The Exact render at `target` as 8-bit premultiplied sRGB RGBA.
   std::vector<uint8_t> exactMosaic(ResampleTarget target) const;
+  // The estimate at `target` blended with Exact at `strength`, as 8-bit
+  // premultiplied sRGB RGBA, from the cache when it holds that size.
+  std::shared_ptr<const std::vector<uint8_t>> blendedEstimate(ResampleTarget target, double strength,
+                                                              const RenderProgress& progress,
+                                                              const std::atomic<bool>* cancel) const;
   // Renders output columns [x0, x0+width) of rows [y0, y1) with margin rows
   // of context into floats, and converts them into `out`, output row y
   // going to out row y - outRowOffset. `scratch` carries buffers from one
@@ -122,10 +133,21 @@ class ResampleEngine {
     std::once_flag once;
     float sigma = 0;
   };
+  // The Enhance estimate at one target size, the Exact render it blends
+  // with, and the last blend: a preview that changes only the strength, or
+  // the export after a preview, does not run the network again.
+  struct EstimateCache {
+    std::mutex lock;
+    int64_t width = 0, height = 0;
+    std::vector<uint8_t> estimate, exact;
+    double strength = -1;
+    std::shared_ptr<const std::vector<uint8_t>> blended;
+  };
 
   SourceImage m_source;
   FloatImage m_linear;
   std::unique_ptr<NoiseEstimate> m_noise = std::make_unique<NoiseEstimate>();
+  std::unique_ptr<EstimateCache> m_estimate = std::make_unique<EstimateCache>();
 };
 
 }  // namespace tarnbloom

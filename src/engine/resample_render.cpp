@@ -164,13 +164,16 @@ codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMe
 }
 
 codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect rect,
-                                               ResampleMethod method, bool keepProfile) const {
+                                               ResampleMethod method, bool keepProfile,
+                                               double estimateStrength) const {
   if (rect.width < 1 || rect.height < 1 || rect.x < 0 || rect.y < 0 ||
       rect.x + rect.width > target.width || rect.y + rect.height > target.height)
     throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
   codec::ColourSpace space = keepProfile ? m_source.colorSpace : codec::ColourSpace::forFrame({}, false);
   OutputConverter converter(space, false, m_source.hasAlpha);
   if (!m_source.hasAlpha) converter.assumeOpaque();
+  if (method == ResampleMethod::estimate)
+    return estimateTile(target, rect, converter, estimateStrength);
   codec::PixelBuffer tile;
   tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
                 converter.format());

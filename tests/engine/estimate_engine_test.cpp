@@ -166,5 +166,41 @@ TEST(EstimateEngine, ChecksEveryPrediction) {
   EXPECT_EQ(inferenceFailure(std::move(poisoned)), "Enhance model failed: non-finite prediction");
 }
 
+// The compare view shows exactly what the export writes, and a strength
+// slider must not run the network for every step.
+TEST(EstimateRender, PreviewTilesAreTheExportAndANewStrengthOnlyBlendsAgain) {
+  const auto files = testing::makeModel(6, 2, 4, true);
+  EstimateEngine& estimates = EstimateEngine::shared();
+  estimates.useModel(SrvggNetwork::parse(files.param, files.bin), "test");
+  codec::PixelBuffer pixels;
+  pixels.allocate(40, 30, 3, codec::SampleFormat::uint8);
+  for (size_t i = 0; i < pixels.data.size(); ++i) pixels.data[i] = static_cast<uint8_t>((i * 37) % 251);
+  SourceImage source;
+  source.colorSpace = codec::ColourSpace::forFrame({}, false);
+  source.bitmap = std::make_shared<const codec::PixelBuffer>(std::move(pixels));
+  const ResampleEngine engine(std::move(source));
+
+  const ResampleTarget target{160, 120};
+  const OutputRect rect{50, 40, 30, 20};
+  const int64_t before = estimates.inferences();
+  const auto light = engine.previewTile(target, rect, ResampleMethod::estimate, false, 0.2);
+  const auto strong = engine.previewTile(target, rect, ResampleMethod::estimate, false, 0.9);
+  EXPECT_EQ(estimates.inferences(), before + 1);
+  EXPECT_FALSE(light.data == strong.data);
+  EXPECT_FALSE(strong.data ==
+               engine.previewTile(target, rect, ResampleMethod::exact, false).data);
+
+  RenderOutput srgb;
+  srgb.keepProfile = false;
+  srgb.estimateStrength = 0.9;
+  const auto whole = engine.exportImage(target, ResampleMethod::estimate, srgb);
+  EXPECT_EQ(estimates.inferences(), before + 1);
+  ASSERT_EQ(strong.channels, whole.channels);
+  for (int y = 0; y < rect.height; ++y)
+    ASSERT_TRUE(std::equal(strong.row(y), strong.row(y) + strong.rowBytes(),
+                           whole.row(static_cast<int>(rect.y) + y) + rect.x * whole.channels))
+        << "row " << y;
+}
+
 }  // namespace
 }  // namespace tarnbloom
