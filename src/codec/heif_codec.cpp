@@ -452,13 +452,19 @@ ContainerProbe probeHeif(Bytes bytes, Container container) {
   probe.container = container;
   probe.opened = true;
   probe.frameCount = heif_context_get_number_of_top_level_images(ctx.get());
-  probe.orientation = primaryTransforms(raw).orientation;
-  // libheif reports the size as shown (after rotation and cropping).
-  const int shownWidth = heif_image_handle_get_width(handle.get());
-  const int shownHeight = heif_image_handle_get_height(handle.get());
-  const bool swap = transposes(probe.orientation);
-  probe.width = swap ? shownHeight : shownWidth;
-  probe.height = swap ? shownWidth : shownHeight;
+  const PrimaryTransforms transforms = primaryTransforms(raw);
+  probe.orientation = transforms.orientation;
+  // The size decodeHeif returns. libheif 1.15 reports the item's 'ispe'
+  // as it stands, without its 'irot': that is the stored (coded) size, as
+  // phones and libavif write it. A cropped file is decoded as shown and
+  // turned back, and libheif reports its size cropped and turned.
+  // (libheif's own encoder writes the shown size into 'ispe' of the rotated
+  // files it makes; those probe transposed.)
+  const int width = heif_image_handle_get_width(handle.get());
+  const int height = heif_image_handle_get_height(handle.get());
+  const bool swap = transforms.cropped && transposes(probe.orientation);
+  probe.width = swap ? height : width;
+  probe.height = swap ? width : height;
   const int bits = heif_image_handle_get_luma_bits_per_pixel(handle.get());
   probe.bitsPerSample = std::max(bits, 0);
   probe.hasProperties = bits > 0 && probe.width > 0 && probe.height > 0;

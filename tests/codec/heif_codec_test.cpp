@@ -251,6 +251,16 @@ INSTANTIATE_TEST_SUITE_P(Heif, HeifDepth,
 
 // --- orientation ---------------------------------------------------------
 
+// libheif's encoder writes the shown size into 'ispe'; phones, cameras and
+// libavif write the coded size, as the format says. The same file as they
+// would write it: every 'ispe' turned back.
+std::vector<uint8_t> withCodedIspe(std::vector<uint8_t> file) {
+  for (size_t i = 4; i + 16 <= file.size(); ++i)
+    if (std::memcmp(&file[i], "ispe", 4) == 0)
+      std::swap_ranges(file.begin() + i + 8, file.begin() + i + 12, file.begin() + i + 12);
+  return file;
+}
+
 struct OrientationCase {
   int exif;
   bool cropped = false;
@@ -276,8 +286,10 @@ TEST(HeifOrientation, KeepsStoredPixelsAndReportsWhatViewersApply) {
     fixture.clapCrop = c.cropped;
     if (c.cropped) fixture.width = 63, fixture.height = 47;  // the coded picture is padded
     if (c.avifWithAlpha) fixture.format = heif_compression_AV1, fixture.alpha = true;
-    const auto file = encodeHeif(fixture);
+    auto file = encodeHeif(fixture);
     if (!file) GTEST_SKIP() << "no " << formatName(fixture.format) << " encoder";
+    const auto clap = std::search(file->begin(), file->end(), std::begin("clap"), std::end("clap") - 1);
+    if (clap == file->end() && c.exif >= 5) file = withCodedIspe(*file);
 
     const ContainerProbe probe = probeContainer(asBytes(*file));
     EXPECT_EQ(probe.orientation, static_cast<uint32_t>(c.exif));
