@@ -5,6 +5,8 @@
 #include <turbojpeg.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cmath>
 #include <fstream>
 #include <iterator>
@@ -78,6 +80,22 @@ void writePng(const std::filesystem::path& path, const Photo& photo) {
 void writeFile(const std::filesystem::path& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+void writePpm(const std::filesystem::path& path, const Photo& photo) {
+  std::ofstream out(path, std::ios::binary);
+  out << "P6\n" << photo.width << ' ' << photo.height << "\n255\n";
+  out.write(reinterpret_cast<const char*>(photo.rgb.data()),
+            static_cast<std::streamsize>(photo.rgb.size()));
+}
+
+double timeCommand(const std::string& command) {
+  const auto start = std::chrono::steady_clock::now();
+  if (std::system(command.c_str()) != 0) {
+    std::fprintf(stderr, "failed: %s\n", command.c_str());
+    std::exit(1);
+  }
+  return secondsSince(start);
 }
 
 double peakRssMiB() {

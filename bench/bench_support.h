@@ -26,6 +26,10 @@ Photo scaledPhoto(const Photo& photo, int width, int height, double grainAmplitu
 std::vector<uint8_t> encodeJpeg(const Photo& photo, int quality);
 void writePng(const std::filesystem::path& path, const Photo& photo);
 void writeFile(const std::filesystem::path& path, const std::vector<uint8_t>& bytes);
+// A binary PPM of the photo, as command-line peers read it.
+void writePpm(const std::filesystem::path& path, const Photo& photo);
+// Seconds a shell command takes; exits the benchmark when it fails.
+double timeCommand(const std::string& command);
 
 // Peak resident memory of this process so far, in MiB.
 double peakRssMiB();

@@ -24,15 +24,6 @@ using namespace tarnbloom;
 
 namespace {
 
-double timeCommand(const std::string& command) {
-  const auto start = std::chrono::steady_clock::now();
-  if (std::system(command.c_str()) != 0) {
-    std::fprintf(stderr, "failed: %s\n", command.c_str());
-    std::exit(1);
-  }
-  return bench::secondsSince(start);
-}
-
 std::string commandOutput(const std::string& command) {
   std::string out;
   FILE* pipe = ::popen(command.c_str(), "r");
@@ -55,13 +46,9 @@ int main(int argc, char** argv) {
   image.allocate(width, height, 3, codec::SampleFormat::uint8);
   std::copy(photo.rgb.begin(), photo.rgb.end(), image.data.begin());
   const auto ppm = folder / "render.ppm";
-  {
-    std::ofstream out(ppm, std::ios::binary);
-    out << "P6\n" << width << ' ' << height << "\n255\n";
-    out.write(reinterpret_cast<const char*>(photo.rgb.data()), static_cast<std::streamsize>(photo.rgb.size()));
-  }
+  bench::writePpm(ppm, photo);
   const std::string cjpeg = "cjpeg -quality 90 -sample 2x2 -outfile '" + (folder / "cjpeg.jpg").string() + "' '" + ppm.string() + "'";
-  timeCommand(cjpeg);  // warm the page cache and the binary
+  bench::timeCommand(cjpeg);  // warm the page cache and the binary
 
   double ours = 1e9, theirs = 1e9;
   size_t ourSize = 0;
@@ -70,7 +57,7 @@ int main(int argc, char** argv) {
     const auto start = std::chrono::steady_clock::now();
     ourSize = encoding::JPEGEncoder::encodeOnce(image, none, 90, encoding::JPEGSubsampling::s420).size();
     ours = std::min(ours, bench::secondsSince(start));
-    theirs = std::min(theirs, timeCommand(cjpeg));
+    theirs = std::min(theirs, bench::timeCommand(cjpeg));
   }
   std::printf("32 MP encode, Q90 4:2:0: ours %.3f s (%.1f MB), cjpeg %.3f s (%.1f MB), ratio %.2f (goal <= 1.10)\n",
               ours, ourSize / 1e6, theirs, std::filesystem::file_size(folder / "cjpeg.jpg") / 1e6,
@@ -89,7 +76,7 @@ int main(int argc, char** argv) {
     const auto start = std::chrono::steady_clock::now();
     result = encoding::JPEGEncoder::encode(image, none, {95, encoding::JPEGSubsampling::s420, (target / 1024) * 1024, 40});
     oursCeiling = std::min(oursCeiling, bench::secondsSince(start));
-    magickCeiling = std::min(magickCeiling, timeCommand(magick));
+    magickCeiling = std::min(magickCeiling, bench::timeCommand(magick));
   }
   const std::string magickQuality = commandOutput("identify -format %Q '" + magickOut.string() + "'");
   std::printf("ceiling %.2f MB: ours Q%d in %d encodes, %.2f s (%.2f MB); ImageMagick Q%s in %.2f s "

@@ -24,15 +24,6 @@ using namespace tarnbloom;
 
 namespace {
 
-double timeCommand(const std::string& command) {
-  const auto start = std::chrono::steady_clock::now();
-  if (std::system(command.c_str()) != 0) {
-    std::fprintf(stderr, "failed: %s\n", command.c_str());
-    std::exit(1);
-  }
-  return bench::secondsSince(start);
-}
-
 void appendBytes(png_structp png, png_bytep data, png_size_t size) {
   auto* out = static_cast<std::vector<uint8_t>*>(png_get_io_ptr(png));
   out->insert(out->end(), data, data + size);
@@ -66,14 +57,9 @@ int main(int argc, char** argv) {
   codec::PixelBuffer image;
   image.allocate(width, height, 3, codec::SampleFormat::uint8);
   std::copy(photo.rgb.begin(), photo.rgb.end(), image.data.begin());
-  {
-    std::ofstream out(folder / "render.ppm", std::ios::binary);
-    out << "P6\n" << width << ' ' << height << "\n255\n";
-    out.write(reinterpret_cast<const char*>(photo.rgb.data()),
-              static_cast<std::streamsize>(photo.rgb.size()));
-  }
+  bench::writePpm(folder / "render.ppm", photo);
   const std::string v = (folder / "render.v").string(), vipsPng = (folder / "vips.png").string();
-  timeCommand("vips copy '" + (folder / "render.ppm").string() + "' '" + v + "'");
+  bench::timeCommand("vips copy '" + (folder / "render.ppm").string() + "' '" + v + "'");
 
   double ours = 1e9, before = 1e9, vips = 1e9;
   size_t oursBytes = 0, beforeBytes = 0;
@@ -84,7 +70,7 @@ int main(int argc, char** argv) {
     start = std::chrono::steady_clock::now();
     beforeBytes = libpngDefault(image).size();
     before = std::min(before, bench::secondsSince(start));
-    vips = std::min(vips, timeCommand("vips copy '" + v + "' '" + vipsPng + "'"));
+    vips = std::min(vips, bench::timeCommand("vips copy '" + v + "' '" + vipsPng + "'"));
   }
   const auto vipsBytes = std::filesystem::file_size(vipsPng);
   std::printf("28 MP RGB PNG, best of %d\n", runs);

@@ -103,17 +103,22 @@ TEST(EstimateEngine, JoinsTilesWithoutSeams) {
 namespace tarnbloom {
 namespace {
 
-TEST(EstimateRender, BlendsTheEstimateIntoTheExportByStrength) {
-  const auto files = testing::makeModel(6, 2, 4, true);
-  EstimateEngine::shared().useModel(SrvggNetwork::parse(files.param, files.bin), "test");
-
+// A 40 × 30 sRGB source of a fixed pattern.
+SourceImage patternedSource() {
   codec::PixelBuffer pixels;
   pixels.allocate(40, 30, 3, codec::SampleFormat::uint8);
   for (size_t i = 0; i < pixels.data.size(); ++i) pixels.data[i] = static_cast<uint8_t>((i * 37) % 251);
   SourceImage source;
   source.colorSpace = codec::ColourSpace::forFrame({}, false);
   source.bitmap = std::make_shared<const codec::PixelBuffer>(std::move(pixels));
-  const ResampleEngine engine(std::move(source));
+  return source;
+}
+
+TEST(EstimateRender, BlendsTheEstimateIntoTheExportByStrength) {
+  const auto files = testing::makeModel(6, 2, 4, true);
+  EstimateEngine::shared().useModel(SrvggNetwork::parse(files.param, files.bin), "test");
+
+  const ResampleEngine engine(patternedSource());
 
   RenderOutput srgb;
   srgb.keepProfile = false;
@@ -172,13 +177,7 @@ TEST(EstimateRender, PreviewTilesAreTheExportAndANewStrengthOnlyBlendsAgain) {
   const auto files = testing::makeModel(6, 2, 4, true);
   EstimateEngine& estimates = EstimateEngine::shared();
   estimates.useModel(SrvggNetwork::parse(files.param, files.bin), "test");
-  codec::PixelBuffer pixels;
-  pixels.allocate(40, 30, 3, codec::SampleFormat::uint8);
-  for (size_t i = 0; i < pixels.data.size(); ++i) pixels.data[i] = static_cast<uint8_t>((i * 37) % 251);
-  SourceImage source;
-  source.colorSpace = codec::ColourSpace::forFrame({}, false);
-  source.bitmap = std::make_shared<const codec::PixelBuffer>(std::move(pixels));
-  const ResampleEngine engine(std::move(source));
+  const ResampleEngine engine(patternedSource());
 
   const ResampleTarget target{160, 120};
   const OutputRect rect{50, 40, 30, 20};
