@@ -77,7 +77,7 @@ DecoderLimits DecoderLimits::standard() {
 }
 
 DecoderPool::DecoderPool(fs::path helper, DecoderLimits limits)
-    : m_helper(std::move(helper)), m_limits(limits) {}
+    : m_helper(std::move(helper)), m_limits(limits), m_readFromHelpers(limits.readHelperMemory) {}
 
 DecoderPool::~DecoderPool() {
   std::vector<std::unique_ptr<Helper>> idle;

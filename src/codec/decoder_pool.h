@@ -28,6 +28,9 @@ struct DecoderLimits {
   // Processor time of one request over all the helper's threads; the
   // kernel's own stop for a helper nobody waits for any more.
   uint64_t cpuSeconds = 300;
+  // Copy pixels straight out of the helper's memory; false takes them as a
+  // memory file, as where the system forbids reading another process.
+  bool readHelperMemory = true;
 
   // Three quarters of this computer's memory (1 GiB at least), the times above.
   static DecoderLimits standard();

@@ -93,6 +93,15 @@ TEST(DecoderPool, GivesTheFramesAndProbesOfDecodingInProcess) {
   }
   // One helper served them all.
   EXPECT_EQ(pool.statistics().started, 1);
+
+  // Where the system forbids reading the helper, the pixels come as a file.
+  DecoderLimits noPeeking = DecoderLimits::standard();
+  noPeeking.readHelperMemory = false;
+  DecoderPool sealedOnly(DecoderPool::defaultHelper(), noPeeking);
+  for (const auto& file : {dir / "small.png", dir / "large.png"})
+    EXPECT_TRUE(sealedOnly.decode(SealedBytes::readFile(file)).pixels.data ==
+                decodeFrame(testing::readBytes(file)).pixels.data)
+        << file;
 }
 
 TEST(DecoderPool, HelpersRunSandboxedWithNothingButTheirSocket) {
