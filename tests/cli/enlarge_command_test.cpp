@@ -137,5 +137,28 @@ TEST(EnlargeCommand, SixteenBitToJpegNeedsAllow8Bit) {
   EXPECT_TRUE(fs::exists(dir / "deep_80x60.jpg"));
 }
 
+// Files that crash or confuse the decoders (they run in the helper) are
+// refused with their messages, beside real photos that are exported.
+TEST(EnlargeCommand, AFolderWithHostileFilesExportsTheRest) {
+  testing::TempDir dir;
+  const fs::path in = dir / "in";
+  fs::create_directories(in);
+  const fs::path kept = fs::path(TARNBLOOM_SOURCE_DIR) / "tests" / "fuzz" / "decoder-crashes";
+  for (const char* name : {"heif-decode-segv.heic", "avif-dav1d-leak.avif"})
+    fs::copy_file(kept / name, in / name);
+  fs::copy_file(testing::samplePath("rocket.jpg"), in / "rocket.jpg");
+  std::string said;
+  EXPECT_EQ(enlarge(dir / "home", "--out '" + (dir / "out").string() + "' '" + in.string() + "'",
+                    &said),
+            2);
+  EXPECT_NE(said.find("“heif-decode-segv.heic” couldn’t be read as an image.\n  The decoder "
+                      "stopped with signal"),
+            std::string::npos)
+      << said;
+  EXPECT_NE(said.find("“avif-dav1d-leak.avif” couldn’t be read as an image."), std::string::npos)
+      << said;
+  EXPECT_TRUE(fs::exists(dir / "out" / "rocket_1280x854.jpg"));
+}
+
 }  // namespace
 }  // namespace tarnbloom
