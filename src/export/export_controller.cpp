@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <set>
@@ -17,6 +18,7 @@
 #include "export/file_bookmark.h"
 #include "export/receipt.h"
 #include "support/files.h"
+#include "support/locale_numbers.h"
 #include "support/sha256.h"
 #include "support/uuid.h"
 
@@ -65,6 +67,34 @@ class WriteFailure : public Error {
   fs::path m_output;
   int m_errno;
 };
+
+// A size planned from a reading of the file that the decoder contradicts:
+// its sides swapped (a rotated HEIF whose writer put the shown size where
+// the stored one belongs). Writing it would squash the picture.
+class PlanContradicted : public Error {
+ public:
+  PlanContradicted(fs::path source, int64_t width, int64_t height)
+      : m_source(std::move(source)), m_width(width), m_height(height) {}
+  std::string description() const override {
+    return "“" + m_source.filename().string() + "” is " + groupedNumber(m_width) + " × " +
+           groupedNumber(m_height) +
+           " pixels upright, but its export was planned with the sides swapped, so it was not "
+           "exported.";
+  }
+
+ private:
+  fs::path m_source;
+  int64_t m_width, m_height;
+};
+
+// Whether a planned output has the source's sides the other way round.
+bool sidesSwapped(int64_t plannedWidth, int64_t plannedHeight, int64_t width, int64_t height) {
+  if (width == height) return false;
+  const int64_t slack = std::max(width, height);  // rounding of the planned sides
+  const bool keeps = std::llabs(plannedWidth * height - plannedHeight * width) <= slack;
+  const bool swaps = std::llabs(plannedWidth * width - plannedHeight * height) <= slack;
+  return swaps && !keeps;
+}
 
 // Thrown between steps when a stop was asked for.
 struct StopRequested {};
@@ -634,6 +664,9 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
   run.sourceWidth = source.orientedWidth();
   run.sourceHeight = source.orientedHeight();
   if (item.plannedSize) {
+    if (sidesSwapped(item.plannedSize->first, item.plannedSize->second, run.sourceWidth,
+                     run.sourceHeight))
+      throw PlanContradicted(item.url, run.sourceWidth, run.sourceHeight);
     run.size.width = item.plannedSize->first;
     run.size.height = item.plannedSize->second;
     run.size.scaleFactor =

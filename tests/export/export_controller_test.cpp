@@ -129,6 +129,24 @@ TEST_F(ControllerFixture, ASourceEditedDuringTheExportIsNotPublished) {
   expectFailedLeavingNothing(exportSource(out), out, "The source file changed after loading");
 }
 
+// A plan made from a wrong reading of the file (a rotated HEIF whose
+// writer stored the shown size) must not squash the picture into it.
+TEST_F(ControllerFixture, APlanWithTheSidesSwappedIsRefused) {
+  start();
+  const JobReport report = runJob([&] {
+    Submission submission;
+    submission.urls = {source};
+    submission.destinations = {out};
+    submission.options.sizeMode = SizeMode::x2;
+    submission.plannedSizes = {std::pair<int64_t, int64_t>{240, 320}};  // the source is 160 × 120
+    controller->submit(std::move(submission));
+  });
+  expectFailedLeavingNothing(
+      report, out,
+      "“photo.png” is 160 × 120 pixels upright, but its export was planned with the sides "
+      "swapped, so it was not exported.");
+}
+
 TEST_F(ControllerFixture, ACrashAfterPublicationIsCountedDoneAtTheNextLaunch) {
   ExportDependencies dependencies;
   dependencies.hooks.afterPublished = [] { throw ExportInterrupted{}; };
