@@ -1,7 +1,8 @@
 // tarnbloom-decode: runs the third-party image decoders (libheif with its
 // codecs, libraw, libtiff, libpng, libjpeg-turbo, libwebp) for Tarnbloom in
 // a process of their own, so that a file which crashes, hangs or exhausts a
-// decoder ends this helper and not the program that asked. Started by
+// decoder ends this helper and not the program that asked. The metadata
+// parsers the caller uses later read the frame's metadata here first. Started by
 // DecoderPool with one socket as descriptor 3; see decode_protocol.h.
 //
 //   tarnbloom-decode --memory BYTES --cpu SECONDS
@@ -21,6 +22,7 @@
 #include "codec/decode.h"
 #include "codec/decode_protocol.h"
 #include "codec/probe.h"
+#include "metadata_check.h"
 #include "sandbox.h"
 
 using namespace tarnbloom;
@@ -88,6 +90,7 @@ void serve(const protocol::Message& request) {
   }
   try {
     DecodedFrame frame = decodeFrame(file.bytes());
+    decodehelper::readMetadataAsTheCallerWill(frame);
     protocol::send(protocol::kHelperChannel, protocol::Kind::frameReply,
                    protocol::encodeFrame(frame));
     // The caller reads the pixels out of this process, or asks for them.
@@ -121,6 +124,7 @@ int main(int argc, char** argv) {
   // Everything a decoder loads or reads lazily happens now, while files
   // may still be opened.
   heif_init(nullptr);
+  decodehelper::prepareMetadataReaders();
   // LibRaw develops with OpenMP, whose runtime sets itself up (shared
   // memory, its thread pool) at the first parallel region.
   volatile int warmed = 0;
