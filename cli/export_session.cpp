@@ -127,6 +127,7 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
         else if (result.jpegQuality && job.options.jpeg.maxBytes)
           std::cout << " — JPEG quality " << *result.jpegQuality;
         std::cout << '\n';
+        for (const auto& advisory : result.advisories) std::cout << "  " << advisory << '\n';
         // Where the time went, for benchmarks and the curious.
         if (std::getenv("TARNBLOOM_TIMINGS")) {
           std::cerr << "timings:";
@@ -198,6 +199,9 @@ void ExportSession::onJobFinished(const Job& job, const JobReport& report,
   for (const auto& result : report.results) floorHits += result.floorHit ? 1 : 0;
   if (floorHits == 1)
     std::cout << "1 file reached the minimum JPEG quality without meeting its target file size.\n";
+  if (floorHits == 1 && report.results.size() == 1)
+    std::cout << "\nReached the minimum JPEG quality (Q" << report.results[0].jpegQuality.value_or(0)
+              << ") without meeting the target file size.\n";
   else if (floorHits > 1)
     std::cout
         << floorHits

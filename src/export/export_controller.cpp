@@ -656,6 +656,8 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
     run.ended = true;
     return;
   }
+  if (source.bitsPerComponent == 16 && run.format == ExportFormat::webp)
+    result.advisories.push_back("16-bit source reduced to 8-bit for WebP.");
   throwIfStopped();
 
   // 3. Size and claims.

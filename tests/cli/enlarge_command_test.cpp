@@ -135,6 +135,9 @@ TEST(EnlargeCommand, SixteenBitToJpegNeedsAllow8Bit) {
   EXPECT_NE(said.find("Exported 1 file.\nSaved next to the original.\n"), std::string::npos)
       << said;
   EXPECT_TRUE(fs::exists(dir / "deep_80x60.jpg"));
+  EXPECT_EQ(enlarge(dir / "home", "--allow-8bit --format webp" + photo, &said), 0);
+  EXPECT_NE(said.find("(80 × 60)\n  16-bit source reduced to 8-bit for WebP.\n"), std::string::npos)
+      << said;
 }
 
 // Files that crash or confuse the decoders (they run in the helper) are
