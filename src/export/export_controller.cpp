@@ -634,8 +634,13 @@ void ExportController::runRender(const Job& job, const JobItem& item, ItemRun& r
     run.ended = true;
     return;
   }
-  // 1. The queue learns the item is running together with its reserved
-  // name (step 5): until then a crash leaves nothing to settle.
+  // 1. The item is running from here. The queue file learns it with the
+  // next change it saves anyway (the reserved name, step 5): a crash before
+  // that leaves nothing to settle, and the read itself is counted below.
+  if (!job.oneRunOnly)
+    m_loop.post([this, &job, &item] {
+      m_queue.markUnsaved(job.id, item.id, ExportQueueItemState::running);
+    });
 
   // 2. Load.
   const auto loadStart = std::chrono::steady_clock::now();
