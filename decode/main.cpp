@@ -130,7 +130,19 @@ int main(int argc, char** argv) {
   volatile int warmed = 0;
 #pragma omp parallel
   warmed = 1;
-  if (!decodehelper::lockDown()) return 2;
+  if (!decodehelper::lockDown()) {
+    // Never decode outside the sandbox: every file is refused, saying why.
+    for (;;) {
+      try {
+        (void)protocol::receive(protocol::kHelperChannel);
+        refuse(CodecError::unreadable(
+            "The decoder could not close its sandbox: this system refused its system-call "
+            "filter."));
+      } catch (const protocol::ChannelClosed&) {
+        ::_exit(0);
+      }
+    }
+  }
   for (;;) {
     try {
       // Scoped to the request: an idle helper holds no file.

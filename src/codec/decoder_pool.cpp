@@ -85,11 +85,7 @@ DecoderPool::~DecoderPool() {
     std::lock_guard lock(m_mutex);
     idle.swap(m_idle);
   }
-  // An idle helper ends by itself when its socket closes.
-  for (auto& helper : idle) {
-    helper->socket.close();
-    ::waitpid(helper->pid, nullptr, 0);
-  }
+  for (auto& helper : idle) retire(*helper);
 }
 
 DecoderPool& DecoderPool::shared() {
@@ -186,8 +182,16 @@ void DecoderPool::release(std::unique_ptr<Helper> helper) {
       return;
     }
   }
-  helper->socket.close();
-  ::waitpid(helper->pid, nullptr, 0);
+  retire(*helper);
+}
+
+void DecoderPool::retire(Helper& helper) {
+  // An idle helper would end by itself once its socket closes; one that a
+  // file took over might not, and nothing of an idle one can be lost.
+  helper.socket.close();
+  ::kill(helper.pid, SIGKILL);
+  while (::waitpid(helper.pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
 }
 
 std::string DecoderPool::bury(std::unique_ptr<Helper> helper, bool timedOut,

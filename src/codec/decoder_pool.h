@@ -77,6 +77,8 @@ class DecoderPool {
   struct Helper;
   std::unique_ptr<Helper> acquire();
   void release(std::unique_ptr<Helper> helper);
+  // Ends and reaps a helper that is done with.
+  static void retire(Helper& helper);
   // Kills and reaps a helper whose conversation failed; returns the cause.
   std::string bury(std::unique_ptr<Helper> helper, bool timedOut,
                    std::chrono::milliseconds timeout);
