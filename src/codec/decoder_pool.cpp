@@ -227,12 +227,28 @@ std::string DecoderPool::bury(std::unique_ptr<Helper> helper, bool timedOut,
   return "The decoder stopped.";
 }
 
+std::unique_ptr<DecoderPool::Helper> DecoderPool::handOver(protocol::Kind kind, int fd) {
+  const int fds[] = {fd};
+  // Idle helpers that died meanwhile (the system stopped them) never saw
+  // this file: the next one gets it. Each idle one is tried at most once,
+  // then a fresh one, whose failure is reported.
+  for (size_t attempt = 0;; ++attempt) {
+    const bool last = attempt > kIdleKept;
+    auto helper = last ? start() : acquire();
+    try {
+      protocol::send(helper->socket.get(), kind, {}, fds);
+      return helper;
+    } catch (const protocol::ChannelClosed&) {
+      std::string cause = bury(std::move(helper), false, {});
+      if (last) throw CodecError::unreadable(std::move(cause));
+    }
+  }
+}
+
 DecodedFrame DecoderPool::decode(const SealedBytes& bytes, const std::function<void()>& meanwhile) {
-  auto helper = acquire();
+  auto helper = handOver(protocol::Kind::decodeRequest, bytes.fd());
   protocol::Message reply;
   try {
-    const int fds[] = {bytes.fd()};
-    protocol::send(helper->socket.get(), protocol::Kind::decodeRequest, {}, fds);
     const auto deadline = std::chrono::steady_clock::now() + m_limits.decodeTime;
     if (meanwhile) meanwhile();
     reply = protocol::receive(helper->socket.get(), deadline);
@@ -298,13 +314,11 @@ ContainerProbe DecoderPool::probe(int fd, Container sniffed) {
   unreadable.frameCount = 1;
   std::unique_ptr<Helper> helper;
   try {
-    helper = acquire();
+    helper = handOver(protocol::Kind::probeRequest, fd);
   } catch (const CodecError&) {
     return unreadable;
   }
   try {
-    const int fds[] = {fd};
-    protocol::send(helper->socket.get(), protocol::Kind::probeRequest, {}, fds);
     const auto reply = protocol::receive(helper->socket.get(),
                                          std::chrono::steady_clock::now() + m_limits.probeTime);
     ++helper->requests;

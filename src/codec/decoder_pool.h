@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "codec/decode.h"
+#include "codec/decode_protocol.h"
 #include "codec/probe.h"
 #include "support/sealed_bytes.h"
 
@@ -76,6 +77,9 @@ class DecoderPool {
  private:
   struct Helper;
   std::unique_ptr<Helper> acquire();
+  // A helper that has taken a request for the file at `fd`; throws
+  // CodecError when none can be started or reached.
+  std::unique_ptr<Helper> handOver(protocol::Kind kind, int fd);
   void release(std::unique_ptr<Helper> helper);
   // Ends and reaps a helper that is done with.
   static void retire(Helper& helper);

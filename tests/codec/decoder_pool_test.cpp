@@ -5,6 +5,7 @@
 #include "codec/decoder_pool.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -147,6 +148,23 @@ TEST(DecoderPool, AHelperThatCrashesHangsOrRunsOutCostsOnlyItsFile) {
   // The header probe of the same file goes through a helper too.
   const MappedFile hostile(decoderCrash("heif-decode-segv.heic"));
   EXPECT_NO_FATAL_FAILURE((void)probeIsolated(hostile.bytes(), hostile.fd()));
+
+  // An idle helper the system stopped is not the next file's fault.
+  for (const pid_t idle : pool.idleHelpers()) {
+    ::kill(idle, SIGKILL);
+    // Dead, with every thread gone and so its socket closed (a zombie
+    // until the pool reaps it).
+    const auto process = fs::path("/proc") / std::to_string(idle);
+    for (;;) {
+      std::error_code gone;
+      const auto threads = std::distance(fs::directory_iterator(process / "task", gone),
+                                         fs::directory_iterator());
+      if (gone || (threads <= 1 && fileText(process / "stat").find(") Z ") != std::string::npos))
+        break;
+      ::usleep(1000);
+    }
+  }
+  EXPECT_EQ(refusalDetail(pool, dir / "photo.png"), "");
 
   DecoderLimits impatient = DecoderLimits::standard();
   impatient.decodeTime = std::chrono::milliseconds(1);
