@@ -62,8 +62,8 @@ void refuse(const CodecError& error) {
   protocol::send(protocol::kHelperChannel, protocol::Kind::refusal, payload);
 }
 
-// The pixels as a sealed memory file: the one they were decoded into when
-// there is one, else a copy.
+// The pixels as a sealed memory file, for a caller that may not read this
+// process's memory. Decoders write into ordinary memory, so this is a copy.
 FileDescriptor sealedPixels(PixelBuffer& pixels) {
   if (pixels.data.memoryFile() < 0) {
     SampleBytes copy = SampleBytes::inMemoryFile(pixels.data.size());
