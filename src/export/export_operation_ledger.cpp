@@ -246,7 +246,14 @@ void ExportOperationLedger::beginRead(const std::string& jobID, const std::strin
       {"itemID", itemID},
       {"attempts", (earlier ? earlier->attempts : 0) + 1},
   };
-  writeFileAtomically(file, json.dump(2) + "\n", Durability::ordered);
+  // One small write in place, as for a new record: the process dying
+  // around it leaves the count whole or unreadable, and an unreadable one
+  // counts as a read that never started.
+  const std::string text = json.dump(2) + "\n";
+  FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!fd) throw FileError(file, "write", errno);
+  if (::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    throw FileError(file, "write", errno ? errno : EIO);
 }
 
 void ExportOperationLedger::endRead(const std::string& itemID) const {
