@@ -24,6 +24,7 @@
 #include "codec/probe.h"
 #include "metadata_check.h"
 #include "sandbox.h"
+#include "support/sealed_bytes.h"
 
 using namespace tarnbloom;
 using namespace tarnbloom::codec;
@@ -62,21 +63,6 @@ void refuse(const CodecError& error) {
   protocol::send(protocol::kHelperChannel, protocol::Kind::refusal, payload);
 }
 
-// The pixels as a sealed memory file, for a caller that may not read this
-// process's memory. Decoders write into ordinary memory, so this is a copy.
-FileDescriptor sealedPixels(PixelBuffer& pixels) {
-  if (pixels.data.memoryFile() < 0) {
-    SampleBytes copy = SampleBytes::inMemoryFile(pixels.data.size());
-    std::memcpy(copy.data(), pixels.data.data(), pixels.data.size());
-    pixels.data = std::move(copy);
-  }
-  FileDescriptor fd(pixels.data.releaseMemoryFile());
-  if (::fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) !=
-      0)
-    throw std::bad_alloc();
-  return fd;
-}
-
 void serve(const protocol::Message& request) {
   if (request.fds.size() != 1) {
     refuse(CodecError::unreadable("request without its file"));
@@ -96,14 +82,18 @@ void serve(const protocol::Message& request) {
     // The caller reads the pixels out of this process, or asks for them.
     const auto answer = protocol::receive(protocol::kHelperChannel);
     if (answer.kind == protocol::Kind::pixelsWanted) {
-      const FileDescriptor pixels = sealedPixels(frame.pixels);
-      const int fds[] = {pixels.get()};
+      // For a caller that may not read this process's memory.
+      const SealedBytes pixels = SealedBytes::copyOf(
+          std::as_bytes(std::span(frame.pixels.data.data(), frame.pixels.data.size())));
+      const int fds[] = {pixels.fd()};
       protocol::send(protocol::kHelperChannel, protocol::Kind::pixelsReply, {}, fds);
     }
   } catch (const CodecError& error) {
     refuse(error);
   } catch (const std::bad_alloc&) {
     refuse(CodecError::unreadable("The decoder ran out of its memory limit."));
+  } catch (const FileError& error) {
+    refuse(CodecError::unreadable(error.description()));
   } catch (const std::exception& error) {
     refuse(CodecError::unreadable(error.what()));
   }
@@ -127,7 +117,7 @@ int main(int argc, char** argv) {
   decodehelper::prepareMetadataReaders();
   // LibRaw develops with OpenMP, whose runtime sets itself up (shared
   // memory, its thread pool) at the first parallel region.
-  volatile int warmed = 0;
+  [[maybe_unused]] volatile int warmed = 0;
 #pragma omp parallel
   warmed = 1;
   if (!decodehelper::lockDown()) {

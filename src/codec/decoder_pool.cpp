@@ -55,7 +55,7 @@ SampleBytes adoptPixels(int fd, size_t size) {
     throw nonsense();
   void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0);
   if (map == MAP_FAILED) throw CodecError::unreadable(std::strerror(errno));
-  return SampleBytes::adoptMapping(static_cast<uint8_t*>(map), size, -1);
+  return SampleBytes::adoptMapping(static_cast<uint8_t*>(map), size);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "codec/pixel_buffer.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -29,26 +28,10 @@ SampleBytes& SampleBytes::operator=(const SampleBytes& other) {
   return *this;
 }
 
-SampleBytes SampleBytes::inMemoryFile(size_t size) {
-  SampleBytes bytes;
-  if (size == 0) return bytes;
-  const int fd = ::memfd_create("tarnbloom-pixels", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-  if (fd < 0) throw std::bad_alloc();
-  void* map = MAP_FAILED;
-  if (::ftruncate(fd, static_cast<off_t>(size)) == 0)
-    map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (map == MAP_FAILED) {
-    ::close(fd);
-    throw std::bad_alloc();
-  }
-  return adoptMapping(static_cast<uint8_t*>(map), size, fd);
-}
-
-SampleBytes SampleBytes::adoptMapping(uint8_t* data, size_t length, int fd) {
+SampleBytes SampleBytes::adoptMapping(uint8_t* data, size_t length) {
   SampleBytes bytes;
   bytes.m_data = data;
   bytes.m_size = bytes.m_capacity = bytes.m_mappedLength = length;
-  bytes.m_fd = fd;
   return bytes;
 }
 
@@ -64,7 +47,7 @@ void SampleBytes::resize(size_t size) {
       void* map = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
       if (map == MAP_FAILED) throw std::bad_alloc();
       ::madvise(map, size, MADV_HUGEPAGE);
-      grown = adoptMapping(static_cast<uint8_t*>(map), size, -1);
+      grown = adoptMapping(static_cast<uint8_t*>(map), size);
     } else {
       grown.resize(size);
     }
@@ -83,18 +66,10 @@ void SampleBytes::swap(SampleBytes& other) noexcept {
   std::swap(m_size, other.m_size);
   std::swap(m_capacity, other.m_capacity);
   std::swap(m_mappedLength, other.m_mappedLength);
-  std::swap(m_fd, other.m_fd);
 }
 
 bool SampleBytes::operator==(const SampleBytes& other) const {
   return m_size == other.m_size && (m_size == 0 || std::memcmp(m_data, other.m_data, m_size) == 0);
-}
-
-int SampleBytes::releaseMemoryFile() {
-  const int fd = m_fd;
-  m_fd = -1;
-  release();
-  return fd;
 }
 
 void SampleBytes::release() {
@@ -102,10 +77,8 @@ void SampleBytes::release() {
     ::munmap(m_data, m_mappedLength);
   else
     std::free(m_data);
-  if (m_fd >= 0) ::close(m_fd);
   m_data = nullptr;
   m_size = m_capacity = m_mappedLength = 0;
-  m_fd = -1;
 }
 
 void checkDimensions(int64_t width, int64_t height) {

@@ -10,8 +10,8 @@ namespace tarnbloom::codec {
 // overwrites every one, and zero-filling a 24-megapixel frame first costs a
 // noticeable share of a load. Large buffers are mappings of their own that
 // ask for huge pages: faulting in 72 MB page by page costs a quarter of a
-// 24-megapixel JPEG decode. A buffer may also map a memory file received
-// from the decoder helper.
+// 24-megapixel JPEG decode. A buffer may also adopt a mapping made
+// elsewhere (pixels received from the decoder helper).
 class SampleBytes {
  public:
   SampleBytes() = default;
@@ -25,11 +25,8 @@ class SampleBytes {
   }
   ~SampleBytes() { release(); }
 
-  // Bytes in a new memory file (see memoryFile()); throws std::bad_alloc.
-  static SampleBytes inMemoryFile(size_t size);
-  // Takes over `length` bytes mapped at `data`, backed by the memory file
-  // `fd` (closed with the mapping; -1 for none).
-  static SampleBytes adoptMapping(uint8_t* data, size_t length, int fd);
+  // Takes over `length` bytes mapped at `data` (unmapped when it goes).
+  static SampleBytes adoptMapping(uint8_t* data, size_t length);
 
   uint8_t* data() { return m_data; }
   const uint8_t* data() const { return m_data; }
@@ -48,19 +45,13 @@ class SampleBytes {
   void swap(SampleBytes& other) noexcept;
   bool operator==(const SampleBytes& other) const;
 
-  // The memory file holding these bytes, or -1 when they are on the heap.
-  int memoryFile() const { return m_fd; }
-  // Gives up the memory file (the caller owns it now) and the bytes.
-  int releaseMemoryFile();
-
  private:
   void release();
   uint8_t* m_data = nullptr;
   size_t m_size = 0;
   size_t m_capacity = 0;
-  // Set for mapped storage: the mapping's length, and its memory file.
+  // Set for mapped storage: the mapping's length.
   size_t m_mappedLength = 0;
-  int m_fd = -1;
 };
 
 enum class SampleFormat { uint8, uint16, float32 };
