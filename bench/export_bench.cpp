@@ -44,7 +44,7 @@ double direct(const std::vector<fs::path>& sources, const fs::path& out) {
     const auto format = options.resolvedFormat(source);
     const auto size = options.resolvedSize(image.orientedWidth(), image.orientedHeight(),
                                            image.bitsPerComponent, format);
-    const auto encoded = renderAndEncode(std::move(image), options, size, format, {});
+    const auto encoded = renderAndEncode(std::move(image), options, size, format, {}, nullptr);
     writeFileAtomically(out / source.filename(), std::as_bytes(std::span(encoded.bytes)));
   }
   return bench::secondsSince(start);
@@ -54,21 +54,23 @@ double throughController(const std::vector<fs::path>& sources, const fs::path& o
                          const fs::path& state) {
   const auto start = std::chrono::steady_clock::now();
   EventLoop loop;
+  LoopExecutor executor(loop, ExportController::kLanes);
   ExportQueueStore queue(state);
   ExportOperationLedger ledger(state / "Operations");
-  ExportController controller(loop, queue, ledger);
-  ExportObserver observer;
+  ExportContext context;
+  context.stateFolder = state;
+  context.receiptsFolder = state / "Receipts";
+  ExportController controller(executor, queue, ledger, context);
   int exported = 0;
-  observer.jobFinished = [&](const Job&, const JobReport&, const JobOutcome& outcome) {
-    exported = outcome.exported;
-    loop.quit();
-  };
-  controller.setObserver(observer);
+  controller.subscribe([&](const ExportEvent& event) {
+    if (const auto* finished = std::get_if<events::JobFinished>(&event))
+      exported = finished->outcome.exported;
+    if (std::holds_alternative<events::Drained>(event)) loop.quit();
+  });
   Submission submission;
-  submission.urls = sources;
-  submission.destinations = {out};
-  submission.options = benchOptions();
-  submission.receiptsBesideExports = true;
+  for (const auto& source : sources) submission.items.push_back({source, out});
+  submission.description.options = benchOptions();
+  submission.description.receiptsBesideExports = true;
   controller.submit(std::move(submission));
   loop.run();
   if (exported != kPhotos) {

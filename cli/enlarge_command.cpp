@@ -12,12 +12,8 @@
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "encoding/naming_engine.h"
-#include "engine/dimension_resolver.h"
-#include "engine/resample_engine.h"
-#include "engine/source_probe.h"
 #include "export/export_options.h"
-#include "support/files.h"
-#include "support/utf8.h"
+#include "export/export_planner.h"
 
 namespace tarnbloom::cli {
 namespace {
@@ -52,8 +48,6 @@ struct SizeRequest {
   double boxHeight = 0;
 };
 
-enum class IfExists { number, skip, overwrite };
-
 struct Options {
   ResampleMethod method = ResampleMethod::exact;
   SizeRequest size;
@@ -65,7 +59,7 @@ struct Options {
   double strength = 0.5;  // Enhance only
   encoding::ColourPolicy policy;
   std::string nameTemplate = encoding::NamingEngine::defaultTemplate();
-  IfExists ifExists = IfExists::number;
+  exporting::CollisionPolicy ifExists = exporting::CollisionPolicy::number;
   bool receiptsBeside = false;
   bool recursive = false;
   bool allow8Bit = false;
@@ -191,11 +185,11 @@ Options parseOptions(const std::vector<std::string>& arguments) {
     } else if (a == "--if-exists") {
       const std::string& v = next();
       if (v == "number")
-        options.ifExists = IfExists::number;
+        options.ifExists = exporting::CollisionPolicy::number;
       else if (v == "skip")
-        options.ifExists = IfExists::skip;
+        options.ifExists = exporting::CollisionPolicy::skip;
       else if (v == "overwrite")
-        options.ifExists = IfExists::overwrite;
+        options.ifExists = exporting::CollisionPolicy::replace;
       else
         throw UsageError("--if-exists takes number, skip or overwrite, not “" + v + "”.");
     } else if (a == "--receipts") {
@@ -365,106 +359,34 @@ int runEnlarge(const std::vector<std::string>& arguments) {
 
   // The plan: each file's size and output name fixed before the run, so
   // names stay stable if the run is interrupted and resumed.
-  exporting::Submission submission;
-  submission.options = exportOptions;
-  submission.receiptsBesideExports = options.receiptsBeside;
-  submission.confirmed16BitReduction = options.allow8Bit;
-  std::set<fs::path> planned;
-  bool replaceAny = false;
+  exporting::JobDescription description;
+  description.options = exportOptions;
+  description.receiptsBesideExports = options.receiptsBeside;
+  description.confirmed16BitReduction = options.allow8Bit;
+  description.collision = options.ifExists;
+  exporting::DestinationRule destination;
+  if (!options.out.empty()) destination.folder = options.out;
+  exporting::ExportPlanner planner(description, options.nameTemplate, destination);
+  planner.reserve(session->controller().reservedOutputs());
+  exporting::ExportPlan plan = planner.plan(files);
+
+  if (options.maxBytes)
+    for (const auto& item : plan.items)
+      if (const auto format = exportOptions.resolvedFormat(item.url);
+          format != encoding::ExportFormat::jpeg)
+        std::cerr << item.url.filename().string() << ": --max-kb applies to JPEG only; "
+                  << encoding::title(format) << " is written without a ceiling.\n";
   int skipped = 0, failed = 0;
-  for (size_t i = 0; i < files.size(); ++i) {
-    const fs::path file = fs::absolute(files[i]).lexically_normal();
-    const fs::path folder = options.out.empty() ? file.parent_path() : fs::absolute(options.out);
-    std::error_code missing;
-    if (!fs::exists(file, missing)) {
-      std::cout << file.filename().string() << ": “" << file.string() << "” doesn’t exist.\n";
-      ++failed;
-      continue;
-    }
-    if (!fs::is_regular_file(file, missing)) {
-      std::cout << file.filename().string() << ": “" << file.string()
-                << "” is not a regular file, so it was not read.\n";
-      ++failed;
-      continue;
-    }
-    if (!isValidUtf8(file.string()) || !isValidUtf8(folder.string())) {
-      std::cout << file.filename().string()
-                << ": its path is not valid UTF-8, which the export queue and receipts can’t "
-                   "record. Rename it, then try again. Nothing was written.\n";
-      ++failed;
-      continue;
-    }
-    std::optional<fs::path> assigned;
-    std::optional<std::pair<int64_t, int64_t>> size;
-    const SourceProbe probe = SourceProbe::probe(file);
-    const encoding::ExportFormat format = exportOptions.resolvedFormat(file);
-    if (options.maxBytes && format != encoding::ExportFormat::jpeg)
-      std::cerr << file.filename().string() << ": --max-kb applies to JPEG only; "
-                << encoding::title(format) << " is written without a ceiling.\n";
-    // Files that cannot be planned go in as they are; the export says why
-    // they fail.
-    if (probe.readable && probe.supportedFormat) {
-      ResolvedSize resolved;
-      try {
-        resolved = exportOptions.resolvedSize(probe.width, probe.height, probe.bitDepth, format);
-      } catch (const DimensionError& error) {
-        std::cout << file.filename().string() << ": " << error.description() << ' '
-                  << error.recoverySuggestion() << '\n';
-        ++failed;
-        continue;
-      }
-      encoding::NamingFacts facts;
-      facts.sourcePath = file;
-      facts.outputWidth = resolved.width;
-      facts.outputHeight = resolved.height;
-      facts.method = std::string(rawValue(options.method));
-      facts.formatToken = std::string(encoding::rawValue(format));
-      facts.index = static_cast<int64_t>(i) + 1;
-      facts.scaleFactor = resolved.scaleFactor;
-      const auto taken = [&](const fs::path& path) {
-        return planned.contains(path) || entryExists(path);
-      };
-      try {
-        const fs::path first =
-            encoding::NamingEngine::firstCandidatePath(folder, options.nameTemplate, facts);
-        const bool sourceItself = ResampleEngine::isSourceDestination(first, file);
-        if (options.ifExists == IfExists::skip && entryExists(first) && !planned.contains(first)) {
-          std::cout << file.filename().string() << ": skipped. “" << first.filename().string()
-                    << "” already exists.\n";
-          ++skipped;
-          continue;
-        }
-        if (options.ifExists == IfExists::overwrite && !sourceItself && !planned.contains(first)) {
-          assigned = first;
-          replaceAny = replaceAny || entryExists(first);
-        } else {
-          assigned = encoding::NamingEngine::resolveOutputPath(folder, options.nameTemplate, facts,
-                                                               true, taken);
-        }
-      } catch (const Error& error) {
-        std::cout << file.filename().string() << ": " << error.description() << '\n';
-        ++failed;
-        continue;
-      }
-      planned.insert(*assigned);
-      size = std::pair{resolved.width, resolved.height};
-    }
-    submission.urls.push_back(file);
-    submission.destinations.push_back(folder);
-    submission.assignedOutputs.push_back(assigned);
-    submission.plannedSizes.push_back(size);
-  }
-  if (replaceAny) {
-    submission.agent = exporting::AgentSubmission{};
-    submission.agent->replaceExisting = true;
+  for (const auto& refusal : plan.refusals) {
+    std::cout << refusal.source.filename().string() << ": " << refusal.text << '\n';
+    ++(refusal.kind == exporting::PlanRefusal::Kind::skipped ? skipped : failed);
   }
   if (options.out.empty()) session->saveBesideOriginals();
   session->countSkippedBeforeRun(skipped);
   session->countFailedBeforeRun(failed);
-  if (!submission.urls.empty()) {
+  if (!plan.items.empty()) {
     try {
-      session->controller().submit(std::move(submission));
-      session->expectJob();
+      session->controller().submit({plan.description, std::move(plan.items), {}, {}});
     } catch (const Error& error) {
       std::cerr << "tarnbloom enlarge: " << error.description() << '\n';
       return kExitFailure;

@@ -15,7 +15,6 @@
 #include "engine/render_progress_model.h"
 #include "export/receipt.h"
 #include "support/files.h"
-#include "support/state_paths.h"
 
 namespace tarnbloom::cli {
 
@@ -77,8 +76,10 @@ struct ExportSession::ProgressLine {
   }
 };
 
-ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
-  const fs::path folder = stateFolder();
+ExportSession::ExportSession() : m_context(ExportContext::standard(&m_estimates)) {
+  m_context.appVersion = TARNBLOOM_VERSION;
+  m_context.appBuild = TARNBLOOM_VERSION;
+  const fs::path& folder = m_context.stateFolder;
   std::error_code error;
   fs::create_directories(folder, error);
   // One process at a time owns the queue file and the ledger.
@@ -90,11 +91,9 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
     while (::flock(m_lockFD, LOCK_EX) != 0)
       if (errno != EINTR) throw FileError(lock, "lock", errno);
   }
-  m_queue = std::make_unique<ExportQueueStore>(folder);
-  ExportDependencies dependencies;
-  dependencies.appVersion = TARNBLOOM_VERSION;
-  dependencies.appBuild = TARNBLOOM_VERSION;
-  m_controller = std::make_unique<ExportController>(m_loop, *m_queue, m_ledger, dependencies);
+  m_queue = std::make_unique<ExportQueueStore>(folder, m_context.clock);
+  m_ledger = std::make_unique<ExportOperationLedger>(folder / "Operations");
+  m_controller = std::make_unique<ExportController>(m_executor, *m_queue, *m_ledger, m_context);
   m_controller->storageFailurePolicy = [this](const ExportQueueError& error, size_t) {
     std::cerr << "Tarnbloom couldn’t save the export queue. " << error.description() << "\n"
               << "The export can still run right now, but nothing will be saved: the Export Queue "
@@ -105,56 +104,63 @@ ExportSession::ExportSession() : m_ledger(stateFolder() / "Operations") {
     return true;
   };
   m_progress = std::make_unique<ProgressLine>();
-  ExportObserver observer;
-  observer.itemStarted = [this](const Job& job, size_t i, size_t n) {
-    m_progress->start(job, i, n);
-  };
-  observer.itemProgress = [this](double fraction) { m_progress->update(fraction); };
-  observer.status = [this](const std::string& status) {
+  m_controller->subscribe([this](const ExportEvent& event) { onEvent(event); });
+}
+
+void ExportSession::onEvent(const ExportEvent& event) {
+  if (const auto* started = std::get_if<events::ItemStarted>(&event)) {
+    m_progress->start(*started->job, started->index, started->job->items.size());
+  } else if (const auto* progress = std::get_if<events::ItemProgress>(&event)) {
+    m_progress->update(progress->fraction);
+  } else if (std::holds_alternative<events::StopRequested>(event)) {
     m_progress->clear();
-    std::cerr << status << '\n';
-  };
-  observer.itemFinished = [this](const Job& job, const Result& result) {
-    m_progress->clear();
-    const std::string name = result.source.filename().string();
-    switch (result.kind) {
-      case Result::Kind::exported: {
-        std::cout << name << " → " << result.output->string() << " (" << result.width << " × "
-                  << result.height << ")";
-        if (result.floorHit)
-          std::cout << " — reached the minimum JPEG quality (Q" << result.jpegQuality.value_or(0)
-                    << ") without meeting the target file size";
-        else if (result.jpegQuality && job.options.jpeg.maxBytes)
-          std::cout << " — JPEG quality " << *result.jpegQuality;
-        std::cout << '\n';
-        for (const auto& advisory : result.advisories) std::cout << "  " << advisory << '\n';
-        // Where the time went, for benchmarks and the curious.
-        if (std::getenv("TARNBLOOM_TIMINGS")) {
-          std::cerr << "timings:";
-          for (const char* stage : {"load", "linearise", "render", "encode"})
-            if (const auto found = result.timings.find(stage); found != result.timings.end())
-              std::cerr << "  " << stage << ' ' << std::to_string(found->second).substr(0, 5)
-                        << " s";
-          std::cerr << '\n';
-        }
-        break;
+    std::cerr << "Stopping after the current step…\n";
+  } else if (const auto* finished = std::get_if<events::ItemFinished>(&event)) {
+    onItemFinished(*finished->job, *finished->result);
+  } else if (const auto* ended = std::get_if<events::JobFinished>(&event)) {
+    onJobFinished(*ended->job, *ended->report, ended->outcome);
+  } else if (std::holds_alternative<events::Drained>(event)) {
+    m_loop.quit();
+  }
+}
+
+void ExportSession::onItemFinished(const Job& job, const Result& result) {
+  m_progress->clear();
+  const std::string name = result.source.filename().string();
+  switch (result.kind) {
+    case Result::Kind::exported: {
+      std::cout << name << " → " << result.output->string() << " (" << result.width << " × "
+                << result.height << ")";
+      if (result.floorHit)
+        std::cout << " — reached the minimum JPEG quality (Q" << result.jpegQuality.value_or(0)
+                  << ") without meeting the target file size";
+      else if (result.jpegQuality && job.options().jpeg.maxBytes)
+        std::cout << " — JPEG quality " << *result.jpegQuality;
+      std::cout << '\n';
+      for (const auto& advisory : result.advisories) std::cout << "  " << advisory << '\n';
+      // Where the time went, for benchmarks and the curious.
+      if (std::getenv("TARNBLOOM_TIMINGS")) {
+        std::cerr << "timings:";
+        for (const char* stage : {"load", "linearise", "render", "encode"})
+          if (const auto found = result.timings.find(stage); found != result.timings.end())
+            std::cerr << "  " << stage << ' ' << std::to_string(found->second).substr(0, 5)
+                      << " s";
+        std::cerr << '\n';
       }
-      case Result::Kind::failed:
-        std::cout << name << ": " << result.errorText << '\n';
-        if (!result.errorDetails.empty()) std::cout << "  " << result.errorDetails << '\n';
-        break;
-      case Result::Kind::skipped:
-        std::cout << name << ": skipped. " << result.errorText << '\n';
-        break;
-      case Result::Kind::stopped:
-        std::cout << name << ": stopped before it was exported.\n";
-        break;
+      break;
     }
-    std::cout.flush();
-  };
-  observer.jobFinished = [this](const Job& job, const JobReport& report,
-                                const JobOutcome& outcome) { onJobFinished(job, report, outcome); };
-  m_controller->setObserver(std::move(observer));
+    case Result::Kind::failed:
+      std::cout << name << ": " << result.errorText << '\n';
+      if (!result.errorDetails.empty()) std::cout << "  " << result.errorDetails << '\n';
+      break;
+    case Result::Kind::skipped:
+      std::cout << name << ": skipped. " << result.errorText << '\n';
+      break;
+    case Result::Kind::stopped:
+      std::cout << name << ": stopped before it was exported.\n";
+      break;
+  }
+  std::cout.flush();
 }
 
 ExportSession::~ExportSession() {
@@ -174,7 +180,7 @@ void ExportSession::reportLoadFailure() const {
 }
 
 RecoveryReport ExportSession::recover(bool quiet) {
-  RecoveryReport report = m_queue->recoverInterruptedWork(m_ledger);
+  RecoveryReport report = m_queue->recoverInterruptedWork(*m_ledger);
   for (const auto& text : report.leftOut) std::cout << text << '\n';
   if (!quiet && report.foundInterruptedWork())
     std::cerr << "Tarnbloom found unfinished exports from a previous launch. Completed files will "
@@ -207,7 +213,7 @@ void ExportSession::onJobFinished(const Job& job, const JobReport& report,
         << floorHits
         << " files reached the minimum JPEG quality without meeting their target file size.\n";
   if (outcome.exported > 0) {
-    if (job.receiptsBesideExports)
+    if (job.description.receiptsBesideExports)
       std::cout
           << (outcome.exported == 1
                   ? "A job receipt (source, settings and AI disclosure) was saved alongside it.\n"
@@ -217,18 +223,17 @@ void ExportSession::onJobFinished(const Job& job, const JobReport& report,
       std::cout << (outcome.exported == 1
                         ? "A job receipt (source, settings and AI disclosure) was saved in "
                         : "Job receipts (source, settings and AI disclosure) were saved in ")
-                << ReceiptLocation::storeRoot().string() << ".\n";
+                << m_context.receiptsFolder.string() << ".\n";
   }
   if (outcome.usedEnhance) std::cout << "Contains AI-estimated detail.\n";
   if (job.oneRunOnly && m_ranWithoutQueue)
     std::cout << "This ran without the export queue, as you chose: nothing was saved, and there is "
                  "no Retry for it.\n";
-  // A stop or a halt ends the whole command; later jobs stay queued.
-  if (++m_finishedJobs >= m_expectedJobs || report.stopped || report.halt) m_loop.quit();
 }
 
 int ExportSession::run() {
-  if (m_expectedJobs > 0) {
+  // A stop or a halt holds the jobs after it: they stay queued for resume.
+  if (m_controller->hasWork()) {
     g_interrupted = false;
     auto previous = std::signal(SIGINT, onInterrupt);
     // Polls for Ctrl-C; a signal handler cannot touch the controller.

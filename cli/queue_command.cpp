@@ -2,6 +2,7 @@
 
 #include <iostream>
 #include <map>
+#include <utility>
 
 #include "cli/exit_codes.h"
 #include "cli/help_option.h"
@@ -94,7 +95,6 @@ int runQueue(const std::vector<std::string>& arguments) {
       const auto* job = session->queue().job(id);
       try {
         session->controller().resume(*job);
-        session->expectJob();
       } catch (const ExportQueueError& error) {
         std::cout << "Job " << id << ": " << error.description() << '\n';
         ++unreadable;
@@ -102,13 +102,16 @@ int runQueue(const std::vector<std::string>& arguments) {
     }
     if (ids.empty()) std::cout << "No interrupted exports to resume.\n";
   } else {
-    std::map<std::string, std::vector<std::string>> byJob;
-    for (const auto& job : session->queue().jobs())
-      for (const auto* item : session->queue().retryableItems(job))
-        byJob[job.id].push_back(item->id);
+    std::vector<std::pair<std::string, std::vector<std::string>>> byJob;
+    for (const auto& job : session->queue().jobs()) {
+      std::vector<std::string> items;
+      for (const auto* item : session->queue().retryableItems(job)) items.push_back(item->id);
+      if (!items.empty()) byJob.emplace_back(job.id, std::move(items));
+    }
+    // Each job's failures become a new job of their own.
     for (const auto& [jobID, items] : byJob) {
       try {
-        if (!session->controller().retry(items).empty()) session->expectJob();
+        session->controller().retry(items);
       } catch (const ExportQueueError& error) {
         std::cout << "Couldn’t retry export: " << error.description() << '\n';
         ++unreadable;

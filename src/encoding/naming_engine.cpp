@@ -126,6 +126,22 @@ std::filesystem::path NamingEngine::firstCandidatePath(const std::filesystem::pa
   return folder / (renderTemplate(templ, facts, 1) + "." + *extension);
 }
 
+namespace {
+
+// Whether `path` names the source (already made canonical), so an export
+// never replaces it.
+bool namesSource(const std::filesystem::path& path, const std::filesystem::path& source) {
+  std::error_code error;
+  return !source.empty() && std::filesystem::weakly_canonical(path, error) == source && !error;
+}
+
+std::filesystem::path canonicalSource(const std::filesystem::path& source) {
+  std::error_code ignored;
+  return source.empty() ? source : std::filesystem::weakly_canonical(source, ignored);
+}
+
+}  // namespace
+
 std::filesystem::path NamingEngine::resolveOutputPath(
     const std::filesystem::path& folder, std::string_view templ, const NamingFacts& facts,
     bool createFolder, const std::function<bool(const std::filesystem::path&)>& exists) {
@@ -136,17 +152,27 @@ std::filesystem::path NamingEngine::resolveOutputPath(
     std::filesystem::create_directories(folder, error);
     if (error) throw FileError(folder, "create the folder", error.value());
   }
-  const bool numbered = templ.find("{n}") != std::string_view::npos;
-  std::error_code ignored;
-  const auto source = std::filesystem::weakly_canonical(facts.sourcePath, ignored);
+  // A template with {n} numbers itself; others get " 2", " 3", ... added.
+  if (templ.find("{n}") == std::string_view::npos)
+    return freePathFrom(folder / (renderTemplate(templ, facts, 1) + "." + *extension),
+                        facts.sourcePath, exists);
+  const auto source = canonicalSource(facts.sourcePath);
   for (int64_t attempt = 1;; ++attempt) {
-    std::string stem = renderTemplate(templ, facts, attempt);
-    if (attempt >= 2 && !numbered) stem += " " + std::to_string(attempt);
-    const auto path = folder / (stem + "." + *extension);
-    std::error_code error;
-    const bool isSource = !facts.sourcePath.empty() &&
-                          std::filesystem::weakly_canonical(path, error) == source && !error;
-    if (!isSource && !exists(path)) return path;
+    const auto path = folder / (renderTemplate(templ, facts, attempt) + "." + *extension);
+    if (!namesSource(path, source) && !exists(path)) return path;
+  }
+}
+
+std::filesystem::path NamingEngine::freePathFrom(
+    const std::filesystem::path& path, const std::filesystem::path& sourcePath,
+    const std::function<bool(const std::filesystem::path&)>& exists) {
+  const auto source = canonicalSource(sourcePath);
+  const std::string stem = path.stem().string(), extension = path.extension().string();
+  for (int64_t attempt = 1;; ++attempt) {
+    const auto candidate =
+        attempt == 1 ? path
+                     : path.parent_path() / (stem + " " + std::to_string(attempt) + extension);
+    if (!namesSource(candidate, source) && !exists(candidate)) return candidate;
   }
 }
 

@@ -71,6 +71,12 @@ class NamingEngine {
       const std::filesystem::path& folder, std::string_view templ, const NamingFacts& facts,
       bool createFolder, const std::function<bool(const std::filesystem::path&)>& exists);
 
+  // `path` itself when `exists` says it is free and it is not the source,
+  // else "stem 2.ext", "stem 3.ext", ...: the first free one.
+  static std::filesystem::path freePathFrom(
+      const std::filesystem::path& path, const std::filesystem::path& source,
+      const std::function<bool(const std::filesystem::path&)>& exists);
+
   // 2.0 gives "2x", 1.5 "1.5x", 3.333 "3.33x".
   static std::string scaleLabel(double factor);
 };

@@ -28,11 +28,6 @@ float featherWeight(int64_t distance) {
 
 }  // namespace
 
-EstimateEngine& EstimateEngine::shared() {
-  static EstimateEngine engine;
-  return engine;
-}
-
 std::optional<std::filesystem::path> EstimateEngine::configuredURL() {
   if (const char* configured = std::getenv("TARNBLOOM_ESTIMATE_MODEL"); configured && *configured) {
     const std::filesystem::path path = configured;
@@ -88,8 +83,8 @@ void EstimateEngine::useModel(SrvggNetwork network, std::string digest) {
 const SrvggNetwork& EstimateEngine::model() {
   std::lock_guard lock(m_modelLock);
   if (!m_network) {
-    const auto url = configuredURL();
-    if (!url) throw EstimateError::modelMissing();
+    const auto& url = m_modelURL;
+    if (!url || !std::filesystem::exists(*url)) throw EstimateError::modelMissing();
     m_network = SrvggNetwork::read(*url);
     std::filesystem::path bin = *url;
     bin.replace_extension(".bin");

@@ -24,7 +24,8 @@ struct MosaicImage {
 
 // The Enhance method: the ×4 network's estimate of detail, run tile by tile
 // with feathered joins and blended with the Exact result by a strength.
-// One shared engine; one inference at a time.
+// Owned by whoever hosts the renders (the command, the service, the
+// application); one inference at a time.
 class EstimateEngine {
  public:
   static constexpr const char* modelName = "Real-ESRGAN General x4v3";
@@ -39,7 +40,12 @@ class EstimateEngine {
   static constexpr double defaultStrength = 0.5;
   static constexpr double maximumStrength = 1.0;
 
-  static EstimateEngine& shared();
+  // `modelURL`: the model's .param file (its .bin beside it); none leaves
+  // Enhance unavailable until useModel().
+  explicit EstimateEngine(std::optional<std::filesystem::path> modelURL = std::nullopt)
+      : m_modelURL(std::move(modelURL)) {}
+  EstimateEngine(const EstimateEngine&) = delete;
+  EstimateEngine& operator=(const EstimateEngine&) = delete;
 
   // TARNBLOOM_ESTIMATE_MODEL when set (nothing else is tried then), else the
   // installed model in the data folder, else the one set-up put beside the
@@ -64,7 +70,7 @@ class EstimateEngine {
   MosaicImage inferTiled(const MosaicImage& image, const TileProgress& onTile = {},
                          const std::atomic<bool>* cancel = nullptr);
 
-  // Loads (once) the configured model; throws EstimateError::modelMissing
+  // Loads (once) the model it was made with; throws EstimateError::modelMissing
   // or modelFailed.
   const SrvggNetwork& model();
   std::string precisionText();
@@ -79,7 +85,7 @@ class EstimateEngine {
   int64_t inferences() const { return m_inferences; }
 
  private:
-  EstimateEngine() = default;
+  std::optional<std::filesystem::path> m_modelURL;
   std::mutex m_renderLock;
   std::mutex m_modelLock;
   std::optional<SrvggNetwork> m_network;

@@ -9,6 +9,7 @@
 #include "engine/colour_conversion.h"
 #include "engine/engine_error.h"
 #include "engine/estimate_engine.h"
+#include "engine/estimate_error.h"
 #include "engine/lanczos_resampler.h"
 #include "engine/resample_engine.h"
 
@@ -69,14 +70,15 @@ std::vector<uint8_t> ResampleEngine::exactMosaic(ResampleTarget target) const {
 std::shared_ptr<const std::vector<uint8_t>> ResampleEngine::blendedEstimate(
     ResampleTarget target, double strength, const RenderProgress& progress,
     const std::atomic<bool>* cancel) const {
-  EstimateEngine::shared().model();  // a missing model fails before any rendering
+  if (!m_estimates) throw EstimateError::modelMissing();
+  m_estimates->model();  // a missing model fails before any rendering
   strength = EstimateEngine::clampStrength(strength);
   std::lock_guard lock(m_estimate->lock);
   EstimateCache& cache = *m_estimate;
   if (cache.width != target.width || cache.height != target.height) {
     const ResampleTarget sourceSize{m_linear.width, m_linear.height};
     const MosaicImage mosaic{sourceSize.width, sourceSize.height, exactMosaic(sourceSize)};
-    MosaicImage estimate = EstimateEngine::shared().inferTiled(mosaic, progress, cancel);
+    MosaicImage estimate = m_estimates->inferTiled(mosaic, progress, cancel);
     std::vector<uint8_t> pixels = estimate.width == target.width && estimate.height == target.height
                                       ? std::move(estimate.rgba)
                                       : resizeMosaic(estimate, target);

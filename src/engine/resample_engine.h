@@ -15,6 +15,7 @@
 
 namespace tarnbloom {
 
+class EstimateEngine;
 class OutputConverter;
 
 // How a render's result is to be stored.
@@ -46,7 +47,9 @@ class ResampleEngine {
   static constexpr uint64_t maxOutputBytes = 1'600'000'000;
 
   // Converts the upright source to premultiplied extended linear sRGB.
-  explicit ResampleEngine(SourceImage source);
+  // Enhance renders run on `estimates`; without one they fail as a
+  // missing model would.
+  explicit ResampleEngine(SourceImage source, EstimateEngine* estimates = nullptr);
 
   const SourceImage& source() const { return m_source; }
   // The upright source in the working format.
@@ -145,6 +148,7 @@ class ResampleEngine {
   };
 
   SourceImage m_source;
+  EstimateEngine* m_estimates = nullptr;
   FloatImage m_linear;
   std::unique_ptr<NoiseEstimate> m_noise = std::make_unique<NoiseEstimate>();
   std::unique_ptr<EstimateCache> m_estimate = std::make_unique<EstimateCache>();

@@ -11,7 +11,8 @@
 
 namespace tarnbloom {
 
-ResampleEngine::ResampleEngine(SourceImage source) : m_source(std::move(source)) {
+ResampleEngine::ResampleEngine(SourceImage source, EstimateEngine* estimates)
+    : m_source(std::move(source)), m_estimates(estimates) {
   if (!m_source.bitmap) throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
   if (m_source.orientation == 1) {
     m_linear = convertToLinear(*m_source.bitmap, m_source.colorSpace);

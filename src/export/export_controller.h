@@ -1,143 +1,62 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
-#include <thread>
+#include <variant>
 #include <vector>
 
-#include "encoding/export_format.h"
-#include "engine/resample_method.h"
+#include "export/export_context.h"
+#include "export/export_job.h"
 #include "export/export_operation_ledger.h"
-#include "export/export_options.h"
 #include "export/export_queue_store.h"
-#include "support/event_loop.h"
+#include "support/executor.h"
 
 namespace tarnbloom::exporting {
 
-// Naming for a folder run.
-struct FolderBatchNaming {
-  std::filesystem::path output;
-  std::string templ;
-  std::string sku;
-  std::optional<std::string> exportDate;
+// What the controller tells its host, in order, on the owner's thread. The
+// pointers are valid during the call only. Each maps onto one progress
+// event of the automation protocol and one Qt signal.
+namespace events {
+struct JobQueued {
+  const Job* job;
 };
-
-struct JobReport;
-
-// Callbacks of an automation submission.
-struct AgentSubmission {
-  // Assigned outputs replace files already at those paths.
-  bool replaceExisting = false;
-  std::function<void(const std::string& jobID, const std::vector<std::string>& itemIDs)> onQueued;
-  std::function<void(const JobReport&)> onReport;
-  std::function<void(const Error&)> onRejected;
+struct ItemStarted {
+  const Job* job;
+  size_t index;
 };
-
-// How one item ended.
-struct Result {
-  enum class Kind { exported, failed, skipped, stopped };
-  Kind kind = Kind::failed;
-  std::filesystem::path source;
-  std::optional<std::filesystem::path> output;
-  std::optional<std::filesystem::path> receipt;
-  std::string errorText;  // description, then the recovery suggestion
-  std::string errorDetails;  // what lay underneath, when known
-  bool floorHit = false;
-  std::vector<std::string> advisories;
-  int64_t width = 0, height = 0;
-  std::optional<encoding::ExportFormat> format;
-  ResampleMethod method = ResampleMethod::exact;
-  std::optional<int> jpegQuality;  // the quality a JPEG was written at
-  // Seconds per compute stage ("load", "linearise", "render", "encode").
-  std::map<std::string, double> timings;
+// Fraction of the item's render, 0...1.
+struct ItemProgress {
+  const Job* job;
+  size_t index;
+  double fraction;
 };
-
-struct JobReport {
-  std::vector<Result> results;
-  bool stopped = false;
-  std::optional<std::string> halt;
-  std::vector<std::filesystem::path> declined;  // not run after a stop or halt
-  int deferred = 0;
+struct ItemFinished {
+  const Job* job;
+  size_t index;
+  const Result* result;
 };
-
-struct JobOutcome {
-  int exported = 0;
-  int failed = 0;
-  int skippedInRun = 0;
-  int deferred = 0;
-  bool usedEnhance = false;
-  bool operator==(const JobOutcome&) const = default;
-  JobOutcome& operator+=(const JobOutcome& other);
-  static JobOutcome of(const JobReport& report);
+struct StopRequested {};  // "Stopping after the current step…"
+struct JobFinished {
+  const Job* job;
+  const JobReport* report;
+  JobOutcome outcome;
 };
+// Nothing more will run until something new is submitted: the queue is
+// empty, or held after a stop or a halt.
+struct Drained {};
+}  // namespace events
 
-struct JobItem {
-  std::string id;
-  std::filesystem::path url;
-  std::filesystem::path destination;
-  int64_t batchIndex = 1;
-  std::optional<std::filesystem::path> assignedOutput;
-  std::optional<std::string> operationID;
-  std::optional<std::pair<int64_t, int64_t>> plannedSize;
-  // Set when the stored item could not be found again: it fails at once.
-  std::optional<std::string> unavailable;
-};
-
-struct Job {
-  std::string id;
-  std::vector<JobItem> items;
-  ExportOptions options;
-  bool fromFinder = false;
-  bool quitWhenDone = false;
-  std::optional<FolderBatchNaming> folderBatch;
-  // Runs without the export queue: nothing is saved or retried.
-  bool oneRunOnly = false;
-  int deferredCount = 0;
-  std::function<void(const JobOutcome&)> onFinished;
-  std::optional<AgentSubmission> agent;
-  // A person confirmed reducing 16-bit sources to 8-bit formats.
-  bool confirmed16BitReduction = false;
-  bool receiptsBesideExports = false;
-  bool replaceExisting() const { return agent && agent->replaceExisting; }
-};
-
-// Everything a route hands over to export some files.
-struct Submission {
-  std::vector<std::filesystem::path> urls;
-  // The output folder of each file (one for all when it has one entry).
-  std::vector<std::filesystem::path> destinations;
-  ExportOptions options;
-  bool fromFinder = false;
-  bool quitWhenDone = false;
-  std::optional<FolderBatchNaming> folderBatch;
-  std::vector<std::optional<std::filesystem::path>> assignedOutputs;
-  std::vector<std::optional<std::pair<int64_t, int64_t>>> plannedSizes;
-  std::optional<AgentSubmission> agent;
-  std::function<void(const JobOutcome&)> onFinished;
-  bool receiptsBesideExports = false;
-  bool confirmed16BitReduction = false;
-  int deferredCount = 0;
-};
-
-// What the progress window is told, always on the event loop.
-struct ExportObserver {
-  std::function<void(const Job&, size_t index, size_t total)> itemStarted;
-  // Fraction of the current item's render, 0...1.
-  std::function<void(double fraction)> itemProgress;
-  std::function<void(const Job&, const Result&)> itemFinished;
-  std::function<void(const std::string& status)> status;
-  std::function<void(const Job&, const JobReport&, const JobOutcome&)> jobFinished;
-};
+using ExportEvent =
+    std::variant<events::JobQueued, events::ItemStarted, events::ItemProgress,
+                 events::ItemFinished, events::StopRequested, events::JobFinished, events::Drained>;
 
 // Platform operations an export goes through; tests replace them to
 // provoke faults they cannot otherwise cause.
@@ -145,99 +64,143 @@ struct ExportDependencies {
   // Writes a whole staging file, synced, or throws FileError.
   std::function<void(const std::filesystem::path&, std::span<const uint8_t>)> writeStaged;
   ExportInterruptionHooks hooks;
-  std::string appVersion = "0";
-  std::string appBuild = "0";
+};
+
+// Where one item is in its life; it only moves forward.
+enum class ItemPhase {
+  waiting,     // not started
+  reading,     // its source loaded and sized (render lane)
+  rendering,   // rendered and encoded in memory (render lane) while its
+               // name is reserved (owner)
+  publishing,  // staging file, receipt, the pair moved into place (publish lane)
+  settled,     // its ending recorded in the queue file and reported (owner)
+};
+
+// How an item's run ended, before it is settled.
+enum class ItemEnding {
+  exported,          // published, its record "published"
+  alreadyPublished,  // an earlier attempt's file stands under its reserved name
+  failed,
+  skipped,       // an unconfirmed 16-bit reduction
+  stopped,       // a stop between steps
+  heldByHalt,    // the job halted before this item wrote anything
+  unrecorded,    // published, but its record could not be advanced: halts
+  interrupted,   // a simulated crash: no bookkeeping at all
 };
 
 // The single owner of running exports: a first-in, first-out queue of
-// jobs, one item at a time on a worker thread, bookkeeping on the event
-// loop. Every route that exports ends here.
+// jobs, one item at a time through a render lane and a publish lane (item
+// k renders while k - 1 is written), every queue-file change on the
+// owner's thread. Every route that exports ends here.
 class ExportController {
  public:
-  ExportController(EventLoop& loop, ExportQueueStore& queue, ExportOperationLedger& ledger,
-                   ExportDependencies dependencies = {});
+  static constexpr int kRenderLane = 0;
+  static constexpr int kPublishLane = 1;
+  static constexpr int kLanes = 2;
+
+  ExportController(Executor& executor, ExportQueueStore& queue, ExportOperationLedger& ledger,
+                   ExportContext context, ExportDependencies dependencies = {});
+  // Stops a running job after its current step and waits for it.
   ~ExportController();
   ExportController(const ExportController&) = delete;
   ExportController& operator=(const ExportController&) = delete;
 
+  // Every event, in order, to each subscriber. Call on the owner's thread.
+  void subscribe(std::function<void(const ExportEvent&)> listener);
+
   // Records the job in the queue file and starts it when idle. When the
   // queue cannot be saved, `storageFailurePolicy` decides whether the job
   // runs once without it; otherwise the error is thrown (and given to
-  // agent.onRejected). Returns the job id. Call on the loop.
+  // agent.onRejected). Returns the job id.
   std::string submit(Submission submission);
   // Runs the unfinished items of a stored job again (after recovery).
+  // Throws ExportQueueError::unreadableSettings.
   std::string resume(const PersistedExportJob& job);
-  // Runs failed or stopped items again with their stored options; items
-  // in other states are left alone. Returns the id of the last job started,
-  // empty when nothing was retried. Throws ExportQueueError.
+  // Runs failed or stopped items again, as a new job per job they came
+  // from, with their stored options and reserved names; items in other
+  // states are left alone. Returns the last new job's id, empty when
+  // nothing was retried. Throws ExportQueueError.
   std::string retry(const std::vector<std::string>& itemIDs);
 
-  // Stops after the current step; the remaining items are marked stopped.
+  // Stops after the current step: the remaining items are marked stopped
+  // and jobs waiting behind it are held until something new is submitted.
   void requestStop();
+  // The same, then runs the owner's tasks until the job has ended.
+  void stopAndWait();
   bool busy() const { return m_active != nullptr; }
+  // Whether anything is running or about to: a Drained event will follow.
+  bool hasWork() const { return busy() || (!m_waiting.empty() && !m_held); }
   bool idle() const { return !busy(); }
   const Job* activeJob() const { return m_active.get(); }
 
-  void setObserver(ExportObserver observer) { m_observer = std::move(observer); }
+  // Output paths other unfinished exports hold, for planners.
+  std::set<std::filesystem::path> reservedOutputs() const { return m_queue.reservedOutputs(); }
+  const ExportContext& context() const { return m_context; }
+
   // Given the save error and the number of files; true runs the job
   // without the queue. Unset: never.
   std::function<bool(const ExportQueueError&, size_t fileCount)> storageFailurePolicy;
 
-  // The worker's part of marking an item done: the record "published"
-  // (then the interruption hook). The loop then marks the queue
-  // "completed" and clears the record. Throws when the record cannot be
-  // advanced.
+  // The publish lane's part of marking an item done: the record
+  // "published" (then the interruption hook). The owner then marks the
+  // queue "completed" and clears the record. Throws when the record cannot
+  // be advanced.
   void recordCompletion(ExportOperationRecord& record);
 
  private:
   struct ItemRun;
-  void enqueueJob(std::unique_ptr<Job> job);
-  void pump();
-  // On the worker: every item of the job through both stages.
-  void runJob(const Job& job);
-  void renderStage(const Job& job, const JobItem& item, ItemRun& run);
-  void runRender(const Job& job, const JobItem& item, ItemRun& run);
-  // On the publisher: the staging file, the pair, and the bookkeeping.
-  void publishStage(const Job& job, const JobItem& item, ItemRun& run);
-  void runPublish(const Job& job, const JobItem& item, ItemRun& run);
-  void finishPublishing();
-  void throwIfStopped() const;
-  // After the queue file was saved: the records of the completions it now
-  // holds go.
-  void clearSavedCompletions();
-  void finishJob(size_t started);
-  std::filesystem::path chooseOutput(const Job& job, const JobItem& item, const SourceImage& facts,
-                                     int64_t width, int64_t height, encoding::ExportFormat format);
-  void markOnLoop(const Job& job, const JobItem& item, ExportQueueItemState state,
-                  std::optional<std::string> output = std::nullopt,
-                  std::optional<std::string> error = std::nullopt);
+  using Run = std::shared_ptr<ItemRun>;
 
-  EventLoop& m_loop;
+  void enqueueJob(std::unique_ptr<Job> job);
+  void emit(const ExportEvent& event);
+  // Runs `task` on the owner's thread unless the controller is gone by then.
+  void onOwner(std::function<void()> task);
+
+  // Owner: the scheduler, called after every change.
+  void pump();
+  void advance();
+  void startItem(size_t index);
+  void reserveOutput(ItemRun& run);
+  void rendered(const Run& run);
+  void settle(ItemRun& run);
+  void finishJob();
+
+  // Render lane.
+  void readAndRender(const Run& run);
+  // Publish lane.
+  void publish(ItemRun& run);
+
+  bool stopBetweenSteps(ItemRun& run) const;
+  // Saves a queue change; a failure halts the job with its reason.
+  void changeQueue(const std::function<void()>& change);
+  void halt(std::string text);
+  void clearSavedCompletions();
+
+  Executor& m_executor;
   ExportQueueStore& m_queue;
   ExportOperationLedger& m_ledger;
+  ExportContext m_context;
   ExportDependencies m_dependencies;
-  ExportObserver m_observer;
+  std::vector<std::function<void(const ExportEvent&)>> m_listeners;
+  std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
 
   std::deque<std::unique_ptr<Job>> m_waiting;
+  bool m_held = false;  // after a stop or a halt
   std::unique_ptr<Job> m_active;
-  JobReport m_report;  // on the loop
+  // The active job's progress (owner).
+  JobReport m_report;
+  size_t m_next = 0;     // the next item to start
+  size_t m_settled = 0;  // items settled
+  bool m_renderLaneBusy = false;
+  int m_publishing = 0;
+  std::optional<std::string> m_haltText;
+  bool m_interrupted = false;  // a simulated crash: nothing more is recorded
+  // Read by the lanes between steps.
   std::atomic<bool> m_stop{false};
-  // Set by the publisher when an exported file could not be recorded; the
-  // items after it give up before they write anything.
   std::atomic<bool> m_halted{false};
-  std::string m_haltText;  // under m_pipelineMutex
-  // Set when an interruption hook simulated a crash.
-  std::atomic<bool> m_interruptedFlag{false};
-  bool m_interrupted = false;  // on the loop
   // Completed in the queue's memory, not yet saved; their records stay
-  // until a save (on the loop).
+  // until a save.
   std::vector<std::string> m_unsavedCompletions;
-  std::mutex m_pipelineMutex;
-  std::condition_variable m_pipelineWake;
-  size_t m_published = 0;  // items the publisher is done with, this job
-  // Declared last: destroyed first, so no task outlives the members above.
-  SerialWorker m_publisher;
-  SerialWorker m_worker;
 };
 
 }  // namespace tarnbloom::exporting

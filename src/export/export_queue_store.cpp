@@ -164,8 +164,22 @@ bool PersistedExportJob::hasUnfinishedItems() const {
                      [](const auto& i) { return isUnfinished(i.state); });
 }
 
-ExportQueueStore::ExportQueueStore(fs::path stateDirectory)
-    : m_directory(std::move(stateDirectory)) {
+JobDescription PersistedExportJob::description() const {
+  JobDescription description;
+  description.options = options.options();  // throws unreadableSettings
+  description.fromFinder = fromFinder;
+  description.quitWhenDone = quitWhenDone;
+  if (folderTemplate)
+    description.folderBatch =
+        FolderBatchNaming{{}, *folderTemplate, folderSKU.value_or(""), folderDate};
+  description.collision = replaceExisting ? CollisionPolicy::replace : CollisionPolicy::number;
+  description.receiptsBesideExports = receiptsBesideExports.value_or(false);
+  description.confirmed16BitReduction = confirmed16BitReduction;
+  return description;
+}
+
+ExportQueueStore::ExportQueueStore(fs::path stateDirectory, ExportContext::Clock clock)
+    : m_directory(std::move(stateDirectory)), m_clock(std::move(clock)) {
   load();
 }
 
@@ -274,36 +288,37 @@ void ExportQueueStore::save() {
 
 void ExportQueueStore::commit() { save(); }
 
-const PersistedExportJob& ExportQueueStore::enqueue(const QueueSubmission& submission) {
+const PersistedExportJob& ExportQueueStore::enqueue(const JobDescription& description,
+                                                    std::span<const PlannedItem> items) {
   PersistedExportJob job;
   job.id = makeUuid();
-  job.options = ExportOptionsSnapshot(submission.options);
-  job.fromFinder = submission.fromFinder;
-  job.quitWhenDone = submission.quitWhenDone;
-  job.folderTemplate = submission.folderTemplate;
-  job.folderSKU = submission.folderSKU;
-  job.folderDate = submission.folderDate;
-  job.replaceExisting = submission.replaceExisting;
-  job.confirmed16BitReduction = submission.confirmed16BitReduction;
-  job.receiptsBesideExports = submission.receiptsBesideExports;
-  job.created = formatIso8601(std::chrono::system_clock::now());
-  for (size_t i = 0; i < submission.urls.size(); ++i) {
+  job.options = ExportOptionsSnapshot(description.options);
+  job.fromFinder = description.fromFinder;
+  job.quitWhenDone = description.quitWhenDone;
+  if (const auto& batch = description.folderBatch) {
+    job.folderTemplate = batch->templ;
+    job.folderSKU = batch->sku;
+    job.folderDate = batch->exportDate;
+  }
+  job.replaceExisting = description.replaceExisting();
+  job.confirmed16BitReduction = description.confirmed16BitReduction;
+  job.receiptsBesideExports = description.receiptsBesideExports;
+  job.created = formatIso8601(m_clock());
+  for (const PlannedItem& planned : items) {
     PersistedExportItem item;
     item.id = makeUuid();
-    const fs::path& url = submission.urls[i];
-    item.sourceName = url.filename().string();
+    item.sourceName = planned.url.filename().string();
     try {
-      item.inputBookmark = FileBookmark::create(url);
-      item.destinationBookmark = FileBookmark::create(submission.destinations.at(i));
+      item.inputBookmark = FileBookmark::create(planned.url);
+      item.destinationBookmark = FileBookmark::create(planned.destination);
     } catch (const FileError&) {
       throw ExportQueueError::permissionLost(item.sourceName);
     }
-    item.batchIndex = static_cast<int64_t>(i) + 1;
-    if (i < submission.assignedOutputs.size() && submission.assignedOutputs[i])
-      item.assignedOutputPath = submission.assignedOutputs[i]->string();
-    if (i < submission.plannedSizes.size() && submission.plannedSizes[i]) {
-      item.plannedWidth = submission.plannedSizes[i]->first;
-      item.plannedHeight = submission.plannedSizes[i]->second;
+    item.batchIndex = planned.batchIndex;
+    if (planned.assignedOutput) item.assignedOutputPath = planned.assignedOutput->string();
+    if (planned.plannedSize) {
+      item.plannedWidth = planned.plannedSize->first;
+      item.plannedHeight = planned.plannedSize->second;
     }
     job.items.push_back(std::move(item));
   }
@@ -371,6 +386,17 @@ std::vector<const PersistedExportJob*> ExportQueueStore::pendingJobs() const {
   return pending;
 }
 
+std::set<fs::path> ExportQueueStore::reservedOutputs(const std::string& exceptItem) const {
+  std::set<fs::path> reserved;
+  for (const auto& job : m_jobs)
+    for (const auto& item : job.items) {
+      if (item.id == exceptItem || !isUnfinished(item.state)) continue;
+      if (item.assignedOutputPath) reserved.insert(*item.assignedOutputPath);
+      if (item.intendedOutputPath) reserved.insert(*item.intendedOutputPath);
+    }
+  return reserved;
+}
+
 const PersistedExportJob* ExportQueueStore::job(const std::string& id) const {
   for (const auto& job : m_jobs)
     if (job.id == id) return &job;
@@ -406,6 +432,58 @@ bool ExportQueueStore::retry(const std::string& itemID) {
         return true;
       }
   return false;
+}
+
+std::vector<std::string> ExportQueueStore::jobsHolding(
+    const std::vector<std::string>& itemIDs) const {
+  const std::set<std::string> wanted(itemIDs.begin(), itemIDs.end());
+  std::vector<std::string> jobs;
+  for (const auto& job : m_jobs)
+    if (std::any_of(job.items.begin(), job.items.end(),
+                    [&](const auto& item) { return wanted.contains(item.id); }))
+      jobs.push_back(job.id);
+  return jobs;
+}
+
+const PersistedExportJob* ExportQueueStore::detachForRetry(const std::string& jobID,
+                                                           const std::vector<std::string>& itemIDs) {
+  const auto source = std::find_if(m_jobs.begin(), m_jobs.end(),
+                                   [&](const auto& job) { return job.id == jobID; });
+  if (source == m_jobs.end()) return nullptr;
+  const std::set<std::string> wanted(itemIDs.begin(), itemIDs.end());
+  const auto retryable = [&](const PersistedExportItem& item) {
+    return wanted.contains(item.id) && (item.state == ExportQueueItemState::failed ||
+                                        item.state == ExportQueueItemState::stopped);
+  };
+  PersistedExportJob retried = *source;
+  retried.id = makeUuid();
+  retried.created = formatIso8601(m_clock());
+  retried.items.clear();
+  for (const auto& item : source->items) {
+    if (!retryable(item)) continue;
+    PersistedExportItem copy = item;
+    copy.id = makeUuid();
+    copy.state = ExportQueueItemState::pending;
+    copy.outputPath.reset();
+    copy.errorText.reset();
+    copy.operationID.reset();
+    retried.items.push_back(std::move(copy));
+  }
+  if (retried.items.empty()) return nullptr;
+  const std::vector<PersistedExportJob> before = m_jobs;
+  const auto encodedBefore = m_encoded;
+  std::erase_if(source->items, retryable);
+  m_encoded.erase("job " + jobID);
+  if (source->items.empty()) m_jobs.erase(source);
+  m_jobs.push_back(std::move(retried));
+  try {
+    save();
+  } catch (...) {
+    m_jobs = before;
+    m_encoded = encodedBefore;
+    throw;
+  }
+  return &m_jobs.back();
 }
 
 void ExportQueueStore::reselect(const std::string& jobID, const std::string& itemID,

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <set>
+#include <span>
 #include <map>
 #include <optional>
 #include <string>
@@ -9,6 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "export/export_context.h"
+#include "export/export_job.h"
 #include "export/export_operation_ledger.h"
 #include "export/export_options.h"
 #include "export/export_queue_error.h"
@@ -47,27 +51,15 @@ struct PersistedExportJob {
   bool replaceExisting = false;
   // A person confirmed reducing 16-bit sources to 8-bit formats.
   bool confirmed16BitReduction = false;
-  // Where receipts go; unset: the user's setting at run time.
+  // Where receipts go; unset in files from before it was recorded.
   std::optional<bool> receiptsBesideExports;
   std::optional<std::string> created;  // ISO-8601
   std::vector<PersistedExportItem> items;
 
   bool hasUnfinishedItems() const;
-};
-
-// What a new job is made of.
-struct QueueSubmission {
-  std::vector<std::filesystem::path> urls;
-  std::vector<std::filesystem::path> destinations;  // one per URL
-  ExportOptions options;
-  bool fromFinder = false;
-  bool quitWhenDone = false;
-  std::optional<std::string> folderTemplate, folderSKU, folderDate;
-  std::vector<std::optional<std::filesystem::path>> assignedOutputs;  // empty or one per URL
-  std::vector<std::optional<std::pair<int64_t, int64_t>>> plannedSizes;
-  bool replaceExisting = false;
-  bool confirmed16BitReduction = false;
-  std::optional<bool> receiptsBesideExports;
+  // The description it was saved from. Throws
+  // ExportQueueError::unreadableSettings.
+  JobDescription description() const;
 };
 
 // What launch-time recovery found and did.
@@ -97,7 +89,8 @@ class ExportQueueStore {
   static constexpr int kFatalReadsBeforeLeftOut = 2;
 
   // Loads the queue file of `stateDirectory` (created when missing).
-  explicit ExportQueueStore(std::filesystem::path stateDirectory);
+  explicit ExportQueueStore(std::filesystem::path stateDirectory,
+                            ExportContext::Clock clock = ExportContext().clock);
 
   const std::filesystem::path& stateDirectory() const { return m_directory; }
   std::filesystem::path fileURL() const { return m_directory / "export-queue.json"; }
@@ -110,8 +103,10 @@ class ExportQueueStore {
 
   const std::vector<PersistedExportJob>& jobs() const { return m_jobs; }
 
-  // Throws ExportQueueError (saveFailed, permissionLost).
-  const PersistedExportJob& enqueue(const QueueSubmission& submission);
+  // A new job of `items`, all "pending". Throws ExportQueueError
+  // (saveFailed, permissionLost); nothing is kept then.
+  const PersistedExportJob& enqueue(const JobDescription& description,
+                                    std::span<const PlannedItem> items);
   void mark(const std::string& jobID, const std::string& itemID, ExportQueueItemState state,
             std::optional<std::string> output = std::nullopt,
             std::optional<std::string> error = std::nullopt);
@@ -127,11 +122,22 @@ class ExportQueueStore {
   void commit();
 
   std::vector<const PersistedExportJob*> pendingJobs() const;
+  // Output paths unfinished items have reserved, but for `exceptItem`'s.
+  std::set<std::filesystem::path> reservedOutputs(const std::string& exceptItem = {}) const;
   const PersistedExportJob* job(const std::string& id) const;
   // The item and its job, or nulls.
   std::pair<const PersistedExportJob*, const PersistedExportItem*> item(
       const std::string& id) const;
   std::vector<const PersistedExportItem*> retryableItems(const PersistedExportJob& job) const;
+  // The jobs holding any of `itemIDs`, oldest first.
+  std::vector<std::string> jobsHolding(const std::vector<std::string>& itemIDs) const;
+  // Moves the failed or stopped items of `jobID` named in `itemIDs` into a
+  // new job with the same settings, "pending", their reserved names kept;
+  // a job left empty goes. Saves. Returns the new job, or null when none
+  // of them could be retried. Throws ExportQueueError::saveFailed (and
+  // then nothing moved).
+  const PersistedExportJob* detachForRetry(const std::string& jobID,
+                                           const std::vector<std::string>& itemIDs);
   // A failed or stopped item back to "pending"; false for other states.
   bool retry(const std::string& itemID);
   void reselect(const std::string& jobID, const std::string& itemID,
@@ -155,6 +161,7 @@ class ExportQueueStore {
   PersistedExportItem* mutableItem(const std::string& jobID, const std::string& itemID);
 
   std::filesystem::path m_directory;
+  ExportContext::Clock m_clock;
   std::vector<PersistedExportJob> m_jobs;
   // JSON text as last saved, by item id and by "job " + job id.
   std::unordered_map<std::string, std::string> m_encoded;

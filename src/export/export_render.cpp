@@ -33,7 +33,7 @@ class StageClock {
 
 EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
                               const ResolvedSize& size, ExportFormat format,
-                              const std::vector<std::string>& claims,
+                              const std::vector<std::string>& claims, EstimateEngine* estimates,
                               const RenderProgress& progress, const std::atomic<bool>* cancel) {
   EncodedExport result;
   result.width = size.width;
@@ -64,7 +64,7 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
 
   codec::PixelBuffer image;
   {
-    const ResampleEngine engine(std::move(source));
+    const ResampleEngine engine(std::move(source), estimates);
     clock.mark("linearise");
     image = engine.exportImage({size.width, size.height}, options.method, output, progress, cancel);
   }

@@ -27,13 +27,13 @@ struct EncodedExport {
   std::map<std::string, double> timings;
 };
 
-// Renders `source` at `size` by the options' method and encodes it as
-// `format` under the options' colour and metadata policy. Throws the
-// engine's and the encoders' errors; EngineError::cancelled when `cancel`
-// is set during the render.
+// Renders `source` at `size` by the options' method (Enhance on
+// `estimates`) and encodes it as `format` under the options' colour and
+// metadata policy. Throws the engine's and the encoders' errors;
+// EngineError::cancelled when `cancel` is set during the render.
 EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
                               const ResolvedSize& size, encoding::ExportFormat format,
-                              const std::vector<std::string>& claims,
+                              const std::vector<std::string>& claims, EstimateEngine* estimates,
                               const RenderProgress& progress = {},
                               const std::atomic<bool>* cancel = nullptr);
 

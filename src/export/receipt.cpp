@@ -11,7 +11,6 @@
 #include "engine/size_mode.h"
 #include "support/files.h"
 #include "support/sha256.h"
-#include "support/state_paths.h"
 
 namespace tarnbloom::exporting {
 namespace fs = std::filesystem;
@@ -307,8 +306,9 @@ nlohmann::ordered_json Receipt::build(const std::string& appVersion, const std::
   return document;
 }
 
-bool Receipt::describesPublishedItem(const fs::path& output, const std::string& itemID) {
-  const auto receipt = ReceiptLocation::existingURL(output);
+bool Receipt::describesPublishedItem(const fs::path& output, const std::string& itemID,
+                                     const ReceiptLocation& location) {
+  const auto receipt = location.existingURL(output);
   if (!receipt || itemID.empty()) return false;
   try {
     const auto bytes = readWholeFile(*receipt, size_t{1} << 24);
@@ -344,15 +344,15 @@ std::optional<std::string> Receipt::outputSHA256(const nlohmann::json& document)
 
 std::optional<std::string> Receipt::sha256(const fs::path& file) { return sha256OfFile(file); }
 
-fs::path ReceiptLocation::url(const fs::path& output, bool besideExports) {
+fs::path ReceiptLocation::url(const fs::path& output, bool besideExports) const {
   const std::string name = output.filename().string() + "." + std::string(kReceiptExtension);
   if (besideExports) return output.parent_path() / name;
   // The digest keeps two exports named alike in different folders apart.
   const std::string key = absoluteOrSame(output).string();
-  return storeRoot() / (sha256Hex(std::as_bytes(std::span(key.data(), key.size()))) + "-" + name);
+  return storeRoot / (sha256Hex(std::as_bytes(std::span(key.data(), key.size()))) + "-" + name);
 }
 
-std::optional<fs::path> ReceiptLocation::existingURL(const fs::path& output) {
+std::optional<fs::path> ReceiptLocation::existingURL(const fs::path& output) const {
   for (bool beside : {true, false}) {
     const fs::path candidate = url(output, beside);
     std::error_code error;
@@ -360,8 +360,6 @@ std::optional<fs::path> ReceiptLocation::existingURL(const fs::path& output) {
   }
   return std::nullopt;
 }
-
-fs::path ReceiptLocation::storeRoot() { return stateFolder() / "Receipts"; }
 
 void ReceiptLocation::ensureParentExists(const fs::path& receipt) {
   const fs::path folder = folderOf(receipt);

@@ -82,6 +82,8 @@ struct ReceiptInputs {
   std::string jobID, itemID, operationID;
 };
 
+struct ReceiptLocation;
+
 struct Receipt {
   static constexpr int kVersion = 1;
   // The document, keys in their fixed order.
@@ -92,7 +94,7 @@ struct Receipt {
   // Whether the receipt at an output's place says that this very item
   // published the file that is there now.
   static bool describesPublishedItem(const std::filesystem::path& output,
-                                     const std::string& itemID);
+                                     const std::string& itemID, const ReceiptLocation& location);
   // The output hash a receipt records, or none when it holds none.
   static std::optional<std::string> outputSHA256(const nlohmann::json& document);
   // Hex SHA-256 of a file, or none when it cannot be read.
@@ -102,10 +104,12 @@ struct Receipt {
 // Where an output's receipt lives: beside it ("photo.png.tarnbloomreceipt")
 // or in the state folder's "Receipts" ("<sha256 of output path>-photo.png.tarnbloomreceipt").
 struct ReceiptLocation {
-  static std::filesystem::path url(const std::filesystem::path& output, bool besideExports);
+  // The receipts folder ("Receipts" in the state folder, as a host says).
+  std::filesystem::path storeRoot;
+
+  std::filesystem::path url(const std::filesystem::path& output, bool besideExports) const;
   // The receipt of an output where one exists (beside first), else none.
-  static std::optional<std::filesystem::path> existingURL(const std::filesystem::path& output);
-  static std::filesystem::path storeRoot();  // stateFolder() / "Receipts"
+  std::optional<std::filesystem::path> existingURL(const std::filesystem::path& output) const;
   // Creates the receipt's folder; throws FileError.
   static void ensureParentExists(const std::filesystem::path& receipt);
 };

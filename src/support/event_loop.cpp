@@ -1,5 +1,7 @@
 #include "support/event_loop.h"
 
+#include "support/executor.h"
+
 #include <algorithm>
 #include <exception>
 #include <future>
@@ -45,25 +47,40 @@ void EventLoop::run() {
   m_thread = std::this_thread::get_id();
   std::unique_lock lock(m_mutex);
   m_quit = false;
-  while (!m_quit) {
+  while (runOne(lock, true)) {
+  }
+}
+
+void EventLoop::runUntil(const std::function<bool()>& done) {
+  m_thread = std::this_thread::get_id();
+  std::unique_lock lock(m_mutex, std::defer_lock);
+  // A quit() meanwhile is meant for the run() outside: it stays set for it.
+  while (!done()) {
+    lock.lock();
+    runOne(lock, false);
+    lock.unlock();
+  }
+}
+
+bool EventLoop::runOne(std::unique_lock<std::mutex>& lock, bool honourQuit) {
+  for (;;) {
+    if (honourQuit && m_quit) return false;
     const auto now = Clock::now();
     auto due = std::find_if(m_timers.begin(), m_timers.end(),
                             [&](const Timer& t) { return t.when <= now; });
+    Task task;
     if (due != m_timers.end()) {
-      Task task = std::move(due->task);
+      task = std::move(due->task);
       m_timers.erase(due);
-      lock.unlock();
-      task();
-      lock.lock();
-      continue;
-    }
-    if (!m_tasks.empty()) {
-      Task task = std::move(m_tasks.front());
+    } else if (!m_tasks.empty()) {
+      task = std::move(m_tasks.front());
       m_tasks.pop_front();
+    }
+    if (task) {
       lock.unlock();
       task();
       lock.lock();
-      continue;
+      return true;
     }
     if (m_timers.empty()) {
       m_wake.wait(lock);
@@ -116,5 +133,13 @@ void SerialWorker::post(std::function<void()> task) {
   }
   m_wake.notify_one();
 }
+
+LoopExecutor::LoopExecutor(EventLoop& loop, int lanes) : m_loop(loop) {
+  for (int i = 0; i < lanes; ++i) m_lanes.push_back(std::make_unique<SerialWorker>());
+}
+
+LoopExecutor::~LoopExecutor() = default;
+
+void LoopExecutor::run(int lane, Task task) { m_lanes.at(static_cast<size_t>(lane))->post(std::move(task)); }
 
 }  // namespace tarnbloom

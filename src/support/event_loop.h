@@ -29,10 +29,16 @@ class EventLoop {
 
   // Runs tasks until quit() is called.
   void run();
+  // Runs tasks on the calling thread (the loop's own, possibly inside a
+  // task) until `done()` holds; checked before waiting and after each task.
+  void runUntil(const std::function<bool()>& done);
   void quit();
   bool isLoopThread() const { return std::this_thread::get_id() == m_thread; }
 
  private:
+  // Runs one due task, waiting for one when none is due; false when
+  // quit() was called and `honourQuit`.
+  bool runOne(std::unique_lock<std::mutex>& lock, bool honourQuit);
   struct Timer {
     Clock::time_point when;
     Task task;

@@ -106,7 +106,6 @@ void expectSettled(const std::vector<fs::path>& sources, const fs::path& out, co
   // One output (and one receipt beside it) per source, nothing else: no
   // staging file, no second copy.
   EXPECT_EQ(outputs.size(), sources.size() * (beside ? 2 : 1)) << when;
-  ::setenv("TARNBLOOM_HOME", home.c_str(), 1);  // where the receipts folder is
   for (const auto& source : sources) {
     std::vector<fs::path> mine;
     for (const auto& file : outputs)
@@ -114,7 +113,7 @@ void expectSettled(const std::vector<fs::path>& sources, const fs::path& out, co
           file.extension() != ".tarnbloomreceipt")
         mine.push_back(file);
     ASSERT_EQ(mine.size(), 1u) << when << ": " << source.filename();
-    const fs::path receipt = exporting::ReceiptLocation::url(mine[0], beside);
+    const fs::path receipt = exporting::ReceiptLocation{home / "Receipts"}.url(mine[0], beside);
     ASSERT_TRUE(fs::exists(receipt)) << when << ": " << receipt;
     const auto document = readJson(receipt);
     EXPECT_EQ(document["output"]["sha256"], *sha256OfFile(mine[0])) << when << ": " << receipt;

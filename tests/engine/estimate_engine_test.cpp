@@ -45,7 +45,7 @@ TEST(EstimateEngine, BlendsByAClampedStrength) {
 TEST(EstimateEngine, JoinsTilesWithoutSeams) {
   const auto files = testing::makeModel(6, 22, 4, true);
   const SrvggNetwork network = SrvggNetwork::parse(files.param, files.bin);
-  EstimateEngine& engine = EstimateEngine::shared();
+  EstimateEngine engine;
   engine.useModel(network, "test");
 
   const int w = 600, h = 500;
@@ -116,9 +116,10 @@ SourceImage patternedSource() {
 
 TEST(EstimateRender, BlendsTheEstimateIntoTheExportByStrength) {
   const auto files = testing::makeModel(6, 2, 4, true);
-  EstimateEngine::shared().useModel(SrvggNetwork::parse(files.param, files.bin), "test");
+  EstimateEngine estimates;
+  estimates.useModel(SrvggNetwork::parse(files.param, files.bin), "test");
 
-  const ResampleEngine engine(patternedSource());
+  const ResampleEngine engine(patternedSource(), &estimates);
 
   RenderOutput srgb;
   srgb.keepProfile = false;
@@ -151,10 +152,11 @@ namespace tarnbloom {
 namespace {
 
 std::string inferenceFailure(SrvggNetwork network) {
-  EstimateEngine::shared().useModel(std::move(network), "test");
+  EstimateEngine engine;
+  engine.useModel(std::move(network), "test");
   const MosaicImage image{40, 30, std::vector<uint8_t>(40 * 30 * 4, 200)};
   try {
-    EstimateEngine::shared().inferTiled(image);
+    engine.inferTiled(image);
   } catch (const EstimateError& error) {
     return error.description();
   }
@@ -175,9 +177,9 @@ TEST(EstimateEngine, ChecksEveryPrediction) {
 // slider must not run the network for every step.
 TEST(EstimateRender, PreviewTilesAreTheExportAndANewStrengthOnlyBlendsAgain) {
   const auto files = testing::makeModel(6, 2, 4, true);
-  EstimateEngine& estimates = EstimateEngine::shared();
+  EstimateEngine estimates;
   estimates.useModel(SrvggNetwork::parse(files.param, files.bin), "test");
-  const ResampleEngine engine(patternedSource());
+  const ResampleEngine engine(patternedSource(), &estimates);
 
   const ResampleTarget target{160, 120};
   const OutputRect rect{50, 40, 30, 20};

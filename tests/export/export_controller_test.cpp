@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+
+#include <array>
+#include <deque>
 #include <unistd.h>
 
 #include "export/receipt.h"
@@ -20,57 +23,89 @@ namespace fs = std::filesystem;
 using testing::filesIn;
 using testing::TempDir;
 
+// The owner's tasks and both lanes run on the test's own thread, one task
+// at a time, when the test waits: no event loop, no worker threads.
+class ManualExecutor final : public Executor {
+ public:
+  void post(Task task) override { m_queues[0].push_back(std::move(task)); }
+  void run(int lane, Task task) override { m_queues.at(1 + lane).push_back(std::move(task)); }
+  void waitUntil(const std::function<bool()>& done) override {
+    while (!done() && runOne()) {
+    }
+  }
+  // Runs until no task is left.
+  void drain() { waitUntil([] { return false; }); }
+
+ private:
+  bool runOne() {
+    for (auto& queue : m_queues)
+      if (!queue.empty()) {
+        Task task = std::move(queue.front());
+        queue.pop_front();
+        task();
+        return true;
+      }
+    return false;
+  }
+  std::array<std::deque<Task>, 1 + ExportController::kLanes> m_queues;
+};
+
 struct ControllerFixture : ::testing::Test {
   TempDir dir;
   fs::path state = dir / "state";
   fs::path out = dir / "out";
   fs::path source = dir / "photo.png";
-  EventLoop loop;
+  ManualExecutor executor;
   std::unique_ptr<ExportQueueStore> queue;
   std::unique_ptr<ExportOperationLedger> ledger;
   std::unique_ptr<ExportController> controller;
 
   void SetUp() override {
     fs::create_directories(out);
-    // Noise, so the output cannot compress below the small disk's size.
+    writeNoise(source);
+  }
+
+  // Noise, so the output cannot compress below the small disk's size.
+  static void writeNoise(const fs::path& path) {
     std::vector<uint16_t> noise(160 * 120 * 3);
     uint32_t state = 12345;
     for (auto& v : noise) v = static_cast<uint16_t>((state = state * 1664525u + 1013904223u) >> 24);
-    testing::writePng(source, 160, 120, 3, 8, noise);
+    testing::writePng(path, 160, 120, 3, 8, noise);
   }
 
   void start(ExportDependencies dependencies = {}) {
     queue = std::make_unique<ExportQueueStore>(state);
     ledger = std::make_unique<ExportOperationLedger>(state / "Operations");
-    controller = std::make_unique<ExportController>(loop, *queue, *ledger, std::move(dependencies));
+    ExportContext context;
+    context.stateFolder = state;
+    context.receiptsFolder = state / "Receipts";
+    controller = std::make_unique<ExportController>(executor, *queue, *ledger, context,
+                                                    std::move(dependencies));
   }
 
-  void submit(const fs::path& folder) {
+  Submission submission(const std::vector<fs::path>& sources, const fs::path& folder) {
     Submission submission;
-    submission.urls = {source};
-    submission.destinations = {folder};
-    submission.options.method = ResampleMethod::exact;
-    submission.options.sizeMode = SizeMode::x2;
-    submission.receiptsBesideExports = true;
-    controller->submit(std::move(submission));
+    for (const auto& file : sources) submission.items.push_back({file, folder});
+    submission.description.options.method = ResampleMethod::exact;
+    submission.description.options.sizeMode = SizeMode::x2;
+    submission.description.receiptsBesideExports = true;
+    return submission;
   }
 
-  // Starts a job with `begin` and runs the loop until it ends.
+  // Starts a job with `begin` and runs until it ends.
   JobReport runJob(const std::function<void()>& begin) {
-    JobReport report;
-    ExportObserver observer;
-    observer.jobFinished = [&](const Job&, const JobReport& r, const JobOutcome&) {
-      report = r;
-      loop.quit();
-    };
-    controller->setObserver(observer);
+    std::optional<JobReport> report;
+    controller->subscribe([&](const ExportEvent& event) {
+      if (const auto* ended = std::get_if<events::JobFinished>(&event)) report = *ended->report;
+    });
     begin();
-    loop.run();
-    return report;
+    executor.waitUntil([&] { return report.has_value(); });
+    EXPECT_TRUE(report) << "the job never finished";
+    return report.value_or(JobReport{});
   }
 
   JobReport exportSource(const fs::path& folder) {
-    return runJob([&] { submit(folder); });
+    return runJob([&] { controller->submit(submission({source}, folder)); });
   }
 
   void expectFailedLeavingNothing(const JobReport& report, const fs::path& folder,
@@ -83,6 +118,13 @@ struct ControllerFixture : ::testing::Test {
     EXPECT_TRUE(ledger->all().empty());
     EXPECT_TRUE(filesIn(state / "ReceiptPublications").empty());
     EXPECT_EQ(queue->jobs().at(0).items.at(0).state, ExportQueueItemState::failed);
+  }
+
+  std::vector<ExportQueueItemState> queueStates() const {
+    std::vector<ExportQueueItemState> states;
+    for (const auto& job : queue->jobs())
+      for (const auto& item : job.items) states.push_back(item.state);
+    return states;
   }
 };
 
@@ -134,12 +176,9 @@ TEST_F(ControllerFixture, ASourceEditedDuringTheExportIsNotPublished) {
 TEST_F(ControllerFixture, APlanWithTheSidesSwappedIsRefused) {
   start();
   const JobReport report = runJob([&] {
-    Submission submission;
-    submission.urls = {source};
-    submission.destinations = {out};
-    submission.options.sizeMode = SizeMode::x2;
-    submission.plannedSizes = {std::pair<int64_t, int64_t>{240, 320}};  // the source is 160 × 120
-    controller->submit(std::move(submission));
+    Submission planned = submission({source}, out);
+    planned.items[0].plannedSize = std::pair<int64_t, int64_t>{240, 320};  // the source is 160 × 120
+    controller->submit(std::move(planned));
   });
   expectFailedLeavingNothing(
       report, out,
@@ -151,14 +190,10 @@ TEST_F(ControllerFixture, ACrashAfterPublicationIsCountedDoneAtTheNextLaunch) {
   ExportDependencies dependencies;
   dependencies.hooks.afterPublished = [] { throw ExportInterrupted{}; };
   start(std::move(dependencies));
-  submit(out);
+  controller->submit(submission({source}, out));
   // The interrupted job never reports; the controller just goes idle.
-  std::function<void()> poll = [&] {
-    if (controller->idle()) return loop.quit();
-    loop.postAt(EventLoop::Clock::now() + std::chrono::milliseconds(10), poll);
-  };
-  loop.post(poll);
-  loop.run();
+  executor.drain();
+  EXPECT_TRUE(controller->idle());
   const fs::path output = out / "photo_320x240.png";
   ASSERT_TRUE(fs::exists(output));
   ASSERT_EQ(ledger->all().size(), 1u);
@@ -171,7 +206,7 @@ TEST_F(ControllerFixture, ACrashAfterPublicationIsCountedDoneAtTheNextLaunch) {
   EXPECT_EQ(recovery.completed, 1);
   EXPECT_EQ(queue->jobs()[0].items[0].state, ExportQueueItemState::completed);
   EXPECT_TRUE(queue->pendingJobs().empty());
-  const auto receipt = ReceiptLocation::existingURL(output);
+  const auto receipt = ReceiptLocation{state / "Receipts"}.existingURL(output);
   ASSERT_TRUE(receipt);
   EXPECT_EQ(filesIn(out).size(), 2u);
 }
@@ -191,6 +226,116 @@ TEST_F(ControllerFixture, AResumedItemWhoseFileIsAlreadyPublishedIsNotExportedAg
   EXPECT_EQ(report.results[0].output, out / "photo_320x240.png");
   EXPECT_EQ(filesIn(out).size(), 2u);
   EXPECT_EQ(queue->jobs().at(0).items[0].state, ExportQueueItemState::completed);
+}
+
+// Three photos; a stop asked for while the first is written ends the item
+// in hand at its next step and leaves the rest unstarted.
+struct ThreePhotos : ControllerFixture {
+  std::vector<fs::path> sources = {source, dir / "b.png", dir / "c.png"};
+  void SetUp() override {
+    ControllerFixture::SetUp();
+    writeNoise(sources[1]);
+    writeNoise(sources[2]);
+  }
+};
+
+TEST_F(ThreePhotos, AStopEndsTheItemInHandAtItsNextStepAndKeepsWhatWasPublished) {
+  start();
+  bool stopping = false;
+  const JobReport report = runJob([&] {
+    controller->subscribe([&](const ExportEvent& event) {
+      if (std::holds_alternative<events::StopRequested>(event)) stopping = true;
+      if (const auto* finished = std::get_if<events::ItemFinished>(&event);
+          finished && finished->index == 0)
+        controller->requestStop();
+    });
+    controller->submit(submission(sources, out));
+  });
+  EXPECT_TRUE(stopping);
+  EXPECT_TRUE(report.stopped);
+  ASSERT_EQ(report.results.size(), 2u);  // the third never started
+  EXPECT_EQ(report.results[0].kind, Result::Kind::exported);
+  EXPECT_EQ(report.results[1].kind, Result::Kind::stopped);
+  EXPECT_EQ(report.declined, std::vector<fs::path>{sources[2]});
+  EXPECT_EQ(queueStates(),
+            (std::vector{ExportQueueItemState::completed, ExportQueueItemState::stopped,
+                         ExportQueueItemState::stopped}));
+  EXPECT_EQ(filesIn(out).size(), 2u);  // one photo and its receipt
+  EXPECT_TRUE(ledger->all().empty());
+  EXPECT_TRUE(controller->idle());
+}
+
+// A file on disk whose record cannot say so halts the job: nothing more is
+// written, and what did not start waits for the next run.
+TEST_F(ThreePhotos, AnExportThatCannotBeRecordedHaltsTheJob) {
+  ExportDependencies dependencies;
+  dependencies.hooks.afterPublished = [] { throw FileError("Operations", "write", EIO); };
+  start(std::move(dependencies));
+  bool drained = false;
+  const JobReport report = runJob([&] {
+    controller->subscribe([&](const ExportEvent& event) {
+      drained = drained || std::holds_alternative<events::Drained>(event);
+    });
+    controller->submit(submission(sources, out));
+    controller->submit(submission({sources[2]}, out));  // held behind the halt
+  });
+  ASSERT_TRUE(report.halt);
+  EXPECT_EQ(report.halt->rfind("“photo_320x240.png” was exported, but Tarnbloom could not finish "
+                               "recording it.",
+                               0),
+            0u)
+      << *report.halt;
+  EXPECT_NE(report.halt->find("the remaining files are paused until this is fixed."),
+            std::string::npos);
+  ASSERT_FALSE(report.results.empty());
+  EXPECT_EQ(report.results[0].kind, Result::Kind::exported);
+  for (size_t i = 1; i < report.results.size(); ++i)
+    EXPECT_EQ(report.results[i].kind, Result::Kind::stopped);
+  EXPECT_EQ(filesIn(out).size(), 2u);
+  executor.drain();
+  EXPECT_TRUE(drained);
+  EXPECT_TRUE(controller->idle());
+  EXPECT_EQ(queue->jobs().at(1).items.at(0).state, ExportQueueItemState::pending);
+
+  // The next launch counts the file done and runs the rest.
+  controller.reset();
+  start();
+  EXPECT_EQ(queue->recoverInterruptedWork(*ledger).completed, 1);
+  EXPECT_EQ(queueStates(),
+            (std::vector{ExportQueueItemState::completed, ExportQueueItemState::pending,
+                         ExportQueueItemState::pending, ExportQueueItemState::pending}));
+}
+
+TEST_F(ThreePhotos, AQueueFileThatCannotBeSavedHaltsBeforeAnythingIsWritten) {
+  start();
+  const JobReport report = runJob([&] {
+    controller->submit(submission(sources, out));
+    // From here every save fails: the queue file's place is taken by a
+    // folder that is not empty.
+    fs::remove(state / "export-queue.json");
+    fs::create_directories(state / "export-queue.json" / "in the way");
+  });
+  ASSERT_TRUE(report.halt);
+  EXPECT_EQ(report.halt->rfind("Couldn’t update this export. The export queue could not be saved:",
+                               0),
+            0u)
+      << *report.halt;
+  EXPECT_TRUE(filesIn(out).empty());
+  EXPECT_TRUE(ledger->all().empty());
+  EXPECT_EQ(JobOutcome::of(report).exported, 0);
+}
+
+// The host may destroy its controller mid-job: it stops after the current
+// step and waits, instead of leaving work that refers to it.
+TEST_F(ThreePhotos, DestroyingARunningControllerStopsAndWaits) {
+  start();
+  controller->submit(submission(sources, out));
+  executor.waitUntil([&] { return !filesIn(out).empty(); });
+  controller.reset();
+  executor.drain();  // nothing left refers to the controller
+  const ExportQueueStore reread(state);
+  for (const auto& item : reread.jobs().at(0).items)
+    EXPECT_NE(item.state, ExportQueueItemState::running);
 }
 
 }  // namespace

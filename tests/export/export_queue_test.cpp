@@ -87,13 +87,10 @@ struct QueueFixture : ::testing::Test {
     fs::create_directories(state);
     writeText(source, "not really pixels");
   }
-  QueueSubmission submission(int files = 1) {
-    QueueSubmission s;
-    for (int i = 0; i < files; ++i) {
-      s.urls.push_back(source);
-      s.destinations.push_back(dir.path());
-    }
-    return s;
+  std::vector<PlannedItem> items(int files = 1) {
+    std::vector<PlannedItem> planned(files);
+    for (auto& item : planned) item.url = source, item.destination = dir.path();
+    return planned;
   }
 };
 
@@ -105,7 +102,7 @@ TEST_F(QueueFixture, KeepsFilesItCannotReadAndStillQueuesNewWork) {
     ASSERT_TRUE(store.loadFailure());
     EXPECT_EQ(store.loadFailure()->description(),
               "This export queue was written by a newer Tarnbloom (format 2).");
-    store.enqueue(submission());
+    store.enqueue({}, items());
     EXPECT_EQ(store.jobs().size(), 1u);
   }
   EXPECT_EQ(readText(file), R"({"schemaVersion": 2, "jobs": "something new"})");
@@ -119,9 +116,9 @@ TEST_F(QueueFixture, KeepsFilesItCannotReadAndStillQueuesNewWork) {
   EXPECT_TRUE(aside.starts_with("export-queue.corrupt-") && aside.ends_with(".json")) << aside;
   EXPECT_EQ(readText(*store.quarantinedAt()), "{\"schemaVersion\": 1, \"jobs\": [tru");
   EXPECT_TRUE(store.jobs().empty());
-  QueueSubmission confirmed = submission(2);
+  JobDescription confirmed;
   confirmed.confirmed16BitReduction = true;  // a resumed job must not ask again
-  store.enqueue(confirmed);
+  store.enqueue(confirmed, items(2));
   const ExportQueueStore reread(state);
   EXPECT_EQ(reread.jobs().at(0).items.size(), 2u);
   EXPECT_TRUE(reread.jobs().at(0).confirmed16BitReduction);
@@ -130,7 +127,7 @@ TEST_F(QueueFixture, KeepsFilesItCannotReadAndStillQueuesNewWork) {
 TEST_F(QueueFixture, AJobWithUnknownSettingsIsListedButCannotRun) {
   {
     ExportQueueStore store(state);
-    store.enqueue(submission());
+    store.enqueue({}, items());
   }
   auto document = nlohmann::json::parse(readText(state / "export-queue.json"));
   document["jobs"][0]["options"]["format"] = "gif";
@@ -143,7 +140,7 @@ TEST_F(QueueFixture, AJobWithUnknownSettingsIsListedButCannotRun) {
 
 TEST_F(QueueFixture, FindsAMovedSourceOrNamesTheOneItLost) {
   ExportQueueStore store(state);
-  const auto& item = store.enqueue(submission()).items.at(0);
+  const auto& item = store.enqueue({}, items()).items.at(0);
   const std::string bookmark = item.inputBookmark;
   fs::rename(source, dir / "renamed.png");
   EXPECT_EQ(store.resolvedURL(bookmark, item.sourceName), dir / "renamed.png");
@@ -161,7 +158,7 @@ TEST_F(QueueFixture, FindsAMovedSourceOrNamesTheOneItLost) {
 TEST_F(QueueFixture, RecoverySettlesEachInterruptedExport) {
   ExportQueueStore store(state);
   ExportOperationLedger ledger(state / "Operations");
-  const auto job = store.enqueue(submission(4));
+  const auto job = store.enqueue({}, items(4));
   // Item 0 crashed while encoding, 1 after the move into place, 2 after
   // "published", 3 with only the record's clearing lost.
   const OperationStage stages[] = {OperationStage::planned, OperationStage::publishing,

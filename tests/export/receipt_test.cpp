@@ -103,7 +103,7 @@ class ReceiptFiles : public ::testing::Test {
                                  bool beside = true) {
     m_output = m_dir / name;
     m_staged = m_dir / ("." + name + ".tmp");
-    m_receipt = ReceiptLocation::url(m_output, beside);
+    m_receipt = ReceiptLocation{m_dir / "state" / "Receipts"}.url(m_output, beside);
     m_stagedReceipt = m_receipt.parent_path() / ("." + m_receipt.filename().string() + ".tmp");
     writeText(m_staged, bytes);
     return ReceiptPairPublication::prepare("op-1", m_staged, m_output, receiptFor(m_output, bytes),
@@ -148,7 +148,7 @@ TEST_F(ReceiptFiles, NeverReplacesAnExistingOutputUnasked) {
 TEST_F(ReceiptFiles, AFailedPublishRestoresThePreviousReceipt) {
   // The output's folder is missing, so the output move fails after the
   // receipt (in the store) has already replaced an older one.
-  auto receipt = ReceiptLocation::url(m_dir / "gone" / "cat.png", false);
+  auto receipt = ReceiptLocation{m_dir / "state" / "Receipts"}.url(m_dir / "gone" / "cat.png", false);
   ReceiptLocation::ensureParentExists(receipt);
   writeText(receipt, "older receipt");
   writeText(m_dir / "staged", "image");
