@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -182,6 +183,10 @@ void ExportSession::reportLoadFailure() const {
 RecoveryReport ExportSession::recover(bool quiet) {
   RecoveryReport report = m_queue->recoverInterruptedWork(*m_ledger);
   for (const auto& text : report.leftOut) std::cout << text << '\n';
+  for (const auto& receipt : report.mismatchedReceipts)
+    std::cout << "Pending or mismatched receipt: these settings do not describe the current output "
+                 "bytes. Retry the interrupted export.\n\n"
+              << receipt.string() << '\n';
   if (!quiet && report.foundInterruptedWork())
     std::cerr << "Tarnbloom found unfinished exports from a previous launch. Completed files will "
                  "not be exported again. Run “tarnbloom queue resume” to finish them.\n";
@@ -212,7 +217,11 @@ void ExportSession::onJobFinished(const Job& job, const JobReport& report,
     std::cout
         << floorHits
         << " files reached the minimum JPEG quality without meeting their target file size.\n";
-  if (outcome.exported > 0) {
+  const auto unsaved = std::find_if(report.results.begin(), report.results.end(),
+                                    [](const Result& result) { return result.receiptError; });
+  if (unsaved != report.results.end())
+    std::cout << "\nA job receipt could not be saved: " << *unsaved->receiptError << '\n';
+  else if (outcome.exported > 0) {
     if (job.description.receiptsBesideExports)
       std::cout
           << (outcome.exported == 1

@@ -598,16 +598,31 @@ void ExportController::publish(ItemRun& run) {
                                          m_context.clock(), inputs);
     // The source must still be what was rendered, and never the destination.
     ResampleEngine::validateDestination(output, run.facts);
-    ReceiptLocation::ensureParentExists(run.receiptPath);
-    auto publication = ReceiptPairPublication::prepare(
-        record.operationID, record.stagedPath, output, document, run.receiptPath,
-        record.stagedReceiptPath, m_queue.stateDirectory(), run.encoded.bytes.size());
+    // A receipt that cannot be written at all (its folder unusable) does
+    // not cost the user the export: the file is published alone and the
+    // summary says why it has no receipt.
+    std::optional<ReceiptPairPublication> publication;
+    try {
+      ReceiptLocation::ensureParentExists(run.receiptPath);
+      publication = ReceiptPairPublication::prepare(
+          record.operationID, record.stagedPath, output, document, run.receiptPath,
+          record.stagedReceiptPath, m_queue.stateDirectory(), run.encoded.bytes.size());
+    } catch (const FileError& error) {
+      const bool receiptSide = error.path() == run.receiptPath.parent_path() ||
+                               error.path() == fs::path(record.stagedReceiptPath);
+      if (!receiptSide) throw;
+      run.result.receiptError = errorText(error);
+    }
     m_ledger.advance(record, OperationStage::publishing);
     if (stopBetweenSteps(run)) return;
 
     // Output and receipt together, or neither.
     try {
-      publication.publish(job.description.replaceExisting());
+      if (publication)
+        publication->publish(job.description.replaceExisting());
+      else
+        ReceiptPairPublication::publishOutputAlone(record.stagedPath, output,
+                                                   job.description.replaceExisting());
     } catch (const FileError& error) {
       throw WriteFailure(output, error.errnoValue());
     }
@@ -616,7 +631,7 @@ void ExportController::publish(ItemRun& run) {
 
     Result& result = run.result;
     result.output = output;
-    result.receipt = run.receiptPath;
+    if (publication) result.receipt = run.receiptPath;
     result.width = run.size.width;
     result.height = run.size.height;
     result.format = run.format;

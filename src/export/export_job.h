@@ -83,6 +83,8 @@ struct Result {
   std::filesystem::path source;
   std::optional<std::filesystem::path> output;
   std::optional<std::filesystem::path> receipt;
+  // Why an exported file has no receipt: the export stands without one.
+  std::optional<std::string> receiptError;
   std::string errorText;     // description, then the recovery suggestion
   std::string errorDetails;  // what lay underneath, when known
   bool floorHit = false;

@@ -1,10 +1,12 @@
 #include "export/export_planner.h"
 
 #include "encoding/naming_engine.h"
+#include "encoding/webp_encoder.h"
 #include "engine/dimension_resolver.h"
 #include "engine/resample_engine.h"
 #include "engine/source_probe.h"
 #include "support/files.h"
+#include "support/locale_numbers.h"
 #include "support/utf8.h"
 
 namespace tarnbloom::exporting {
@@ -89,6 +91,15 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
       refuse(PlanRefusal::Kind::failed, error.description() + " " + error.recoverySuggestion());
       continue;
     }
+    if (naming.format == encoding::ExportFormat::webp &&
+        std::max(naming.width, naming.height) > encoding::WebPEncoder::maximumDimension) {
+      refuse(PlanRefusal::Kind::failed,
+             groupedNumber(naming.width) + " × " + groupedNumber(naming.height) +
+                 " is over WebP’s " + std::to_string(encoding::WebPEncoder::maximumDimension) +
+                 "-pixel limit for one side. Choose a smaller target, or export PNG, JPEG or "
+                 "TIFF instead.");
+      continue;
+    }
     try {
       const fs::path first = encoding::NamingEngine::firstCandidatePath(
           naming.folder, m_template, namingFacts(m_description, naming));
@@ -98,8 +109,10 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
                "skipped. “" + first.filename().string() + "” already exists.");
         continue;
       }
+      // Replacing is for files on disk, never for a name this plan or
+      // another unfinished export already holds.
       const bool replaces = m_description.collision == CollisionPolicy::replace &&
-                            !planned.contains(first) &&
+                            !planned.contains(first) && !m_reserved.contains(first) &&
                             !ResampleEngine::isSourceDestination(first, item.url);
       item.assignedOutput =
           replaces ? first : numbered(naming.folder, m_template, m_description, naming, taken);

@@ -518,8 +518,9 @@ RecoveryReport ExportQueueStore::recoverInterruptedWork(const ExportOperationLed
   for (auto& path : ledger.removeEmptyRecords()) report.removedFiles.push_back(std::move(path));
   // Receipt publications first: they decide whether a receipt at an
   // output's place describes it, before the ledger looks at the outputs.
-  for (auto& path : ReceiptPairPublication::recoverInterrupted(m_directory))
-    report.removedFiles.push_back(std::move(path));
+  auto receipts = ReceiptPairPublication::recoverInterrupted(m_directory);
+  for (auto& path : receipts.removed) report.removedFiles.push_back(std::move(path));
+  report.mismatchedReceipts = std::move(receipts.mismatchedReceipts);
 
   for (const auto& record : ledger.all()) {
     PersistedExportItem* item = mutableItem(record.jobID, record.itemID);

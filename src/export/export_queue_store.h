@@ -68,6 +68,8 @@ struct RecoveryReport {
   int toRunAgain = 0;  // items whose export must be redone
   int recordsCleared = 0;
   std::vector<std::filesystem::path> removedFiles;
+  // Receipts in place whose output never arrived: kept, and reported.
+  std::vector<std::filesystem::path> mismatchedReceipts;
   // Why each item left out for taking the program down was left out.
   std::vector<std::string> leftOut;
   bool foundInterruptedWork() const { return completed + toRunAgain > 0; }

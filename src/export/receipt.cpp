@@ -482,6 +482,12 @@ void ReceiptPairPublication::publish(bool replacing) {
   removeEntry(m_journal);
 }
 
+void ReceiptPairPublication::publishOutputAlone(const fs::path& stagedOutput,
+                                                const fs::path& output, bool replacing) {
+  moveOutput(stagedOutput, output, replacing);
+  syncFolder(folderOf(output));
+}
+
 void ReceiptPairPublication::rollback() noexcept {
   if (m_finished) return;
   undo(true);
@@ -553,10 +559,11 @@ std::optional<JournalRecord> readJournal(const fs::path& path) {
 
 }  // namespace
 
-std::vector<fs::path> ReceiptPairPublication::recoverInterrupted(const fs::path& journalRoot) {
-  std::vector<fs::path> removed;
+ReceiptPairPublication::Recovery ReceiptPairPublication::recoverInterrupted(
+    const fs::path& journalRoot) {
+  Recovery recovery;
   auto remove = [&](const fs::path& path) {
-    if (removeEntry(path)) removed.push_back(path);
+    if (removeEntry(path)) recovery.removed.push_back(path);
   };
 
   std::vector<fs::path> journals;
@@ -601,9 +608,9 @@ std::vector<fs::path> ReceiptPairPublication::recoverInterrupted(const fs::path&
       if (entryExists(record->previousReceipt)) {
         if (::rename(record->previousReceipt.c_str(), record->receipt.c_str()) == 0 &&
             receiptIsOurs)
-          removed.push_back(record->receipt);
+          recovery.removed.push_back(record->receipt);
       } else if (receiptIsOurs) {
-        remove(record->receipt);
+        recovery.mismatchedReceipts.push_back(record->receipt);
       }
       remove(record->stagedReceipt);
       // The staged output belongs to the export's own operation record,
@@ -611,7 +618,7 @@ std::vector<fs::path> ReceiptPairPublication::recoverInterrupted(const fs::path&
     }
     removeEntry(journal);
   }
-  return removed;
+  return recovery;
 }
 
 }  // namespace tarnbloom::exporting

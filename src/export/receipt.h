@@ -138,17 +138,26 @@ class ReceiptPairPublication {
   // nothing changes. On any failure the pair is rolled back and the error
   // rethrown. The journal record is removed once both are in place.
   void publish(bool replacing);
+  // For an export whose receipt could not be written at all: moves the
+  // staged output into place alone, with the same refusal to replace
+  // unasked. Throws FileError; the staged file is the caller's.
+  static void publishOutputAlone(const std::filesystem::path& stagedOutput,
+                                 const std::filesystem::path& output, bool replacing);
   // Undoes whatever publish() placed and removes the staged files and the
   // journal record. Never throws. After a successful publish() the pair
   // stands and this does nothing.
   void rollback() noexcept;
 
   // At launch: settles every journal record left by a crash. Where the
-  // output was moved into place the pair stands; otherwise a receipt that
-  // does not describe the file at its output path is removed with the
-  // staged receipt. Returns the paths removed.
-  static std::vector<std::filesystem::path> recoverInterrupted(
-      const std::filesystem::path& journalRoot);
+  // output was moved into place the pair stands; otherwise a replaced pair
+  // is put back, and a receipt that does not describe the file at its
+  // output path is kept where it is and reported (the interrupted export
+  // replaces it when it runs again).
+  struct Recovery {
+    std::vector<std::filesystem::path> removed;
+    std::vector<std::filesystem::path> mismatchedReceipts;
+  };
+  static Recovery recoverInterrupted(const std::filesystem::path& journalRoot);
 
  private:
   ReceiptPairPublication() = default;

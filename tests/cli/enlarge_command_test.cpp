@@ -165,3 +165,36 @@ TEST(EnlargeCommand, AFolderWithHostileFilesExportsTheRest) {
 
 }  // namespace
 }  // namespace tarnbloom
+
+namespace tarnbloom {
+namespace {
+
+// A failed file is retried as a job of its own, once: the old job keeps
+// only what it finished, so nothing can run twice.
+TEST(QueueCommand, RetryRunsFailedFilesAsANewJobOnce) {
+  testing::TempDir dir;
+  const fs::path photo = dir / "photo.png";
+  testing::writeText(photo, "not yet an image");
+  const std::string tool = "TARNBLOOM_HOME='" + (dir / "home").string() + "' " + TARNBLOOM_CLI;
+  const std::string out = " --out '" + (dir / "out").string() + "' ";
+  EXPECT_EQ(enlarge(dir / "home", out + "'" + photo.string() + "' '" +
+                                      testing::samplePath("rocket.jpg").string() + "'"),
+            2);
+  fs::copy_file(testing::samplePath("chelsea.png"), photo, fs::copy_options::overwrite_existing);
+
+  std::string said;
+  EXPECT_EQ(testing::runCommand(tool + " queue retry 2>&1", &said), 0) << said;
+  EXPECT_NE(said.find("Exported 1 file."), std::string::npos) << said;
+  EXPECT_EQ(testing::runCommand(tool + " queue retry 2>&1", &said), 0);
+  EXPECT_NE(said.find("No failed exports to retry."), std::string::npos) << said;
+  EXPECT_EQ(testing::runCommand(tool + " queue resume 2>&1", &said), 0);
+  EXPECT_NE(said.find("No interrupted exports to resume."), std::string::npos) << said;
+
+  testing::runCommand(tool + " queue", &said);
+  EXPECT_NE(said.find("1 file: 1 completed"), std::string::npos) << said;  // the retry's job
+  EXPECT_NE(said.find("1 file: 1 completed"), said.rfind("1 file: 1 completed")) << said;
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()), 4);
+}
+
+}  // namespace
+}  // namespace tarnbloom

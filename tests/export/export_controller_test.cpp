@@ -228,6 +228,26 @@ TEST_F(ControllerFixture, AResumedItemWhoseFileIsAlreadyPublishedIsNotExportedAg
   EXPECT_EQ(queue->jobs().at(0).items[0].state, ExportQueueItemState::completed);
 }
 
+TEST_F(ControllerFixture, AnUnusableReceiptsFolderCostsTheReceiptNotTheExport) {
+  fs::create_directories(state);
+  testing::writeText(state / "Receipts", "a file where the folder should be");
+  start();
+  const JobReport report = runJob([&] {
+    Submission stored = submission({source}, out);
+    stored.description.receiptsBesideExports = false;
+    controller->submit(std::move(stored));
+  });
+  ASSERT_EQ(report.results.size(), 1u);
+  EXPECT_EQ(report.results[0].kind, Result::Kind::exported);
+  EXPECT_FALSE(report.results[0].receipt);
+  ASSERT_TRUE(report.results[0].receiptError);
+  EXPECT_NE(report.results[0].receiptError->find("Receipts"), std::string::npos)
+      << *report.results[0].receiptError;
+  EXPECT_EQ(filesIn(out), std::vector<fs::path>{out / "photo_320x240.png"});
+  EXPECT_TRUE(ledger->all().empty());
+  EXPECT_EQ(queue->jobs().at(0).items.at(0).state, ExportQueueItemState::completed);
+}
+
 // Three photos; a stop asked for while the first is written ends the item
 // in hand at its next step and leaves the rest unstarted.
 struct ThreePhotos : ControllerFixture {

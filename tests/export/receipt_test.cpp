@@ -179,8 +179,8 @@ TEST_F(ReceiptFiles, RefusesAReceiptForOtherBytes) {
 }
 
 // Crashes are simulated by doing by hand the moves publish() had got through.
-TEST_F(ReceiptFiles, RecoveryLeavesAMatchingPairOrNoReceipt) {
-  auto recover = [&] { return ReceiptPairPublication::recoverInterrupted(m_dir / "state"); };
+TEST_F(ReceiptFiles, RecoveryLeavesAMatchingPairAndReportsAStrayReceipt) {
+  auto recover = [&] { return ReceiptPairPublication::recoverInterrupted(m_dir / "state").removed; };
 
   // Crash before anything moved.
   prepare("a.png", "a");
@@ -189,12 +189,16 @@ TEST_F(ReceiptFiles, RecoveryLeavesAMatchingPairOrNoReceipt) {
   EXPECT_FALSE(fs::exists(m_receipt));
   fs::remove(m_staged);
 
-  // Crash between the receipt move and the output move.
+  // Crash between the receipt move and the output move: the receipt stays
+  // (the export's next run replaces it) and is reported.
   prepare("b.png", "b");
   fs::rename(m_stagedReceipt, m_receipt);
-  EXPECT_EQ(recover(), std::vector<fs::path>{m_receipt});
-  EXPECT_FALSE(fs::exists(m_receipt));
+  const auto recovery = ReceiptPairPublication::recoverInterrupted(m_dir / "state");
+  EXPECT_TRUE(recovery.removed.empty());
+  EXPECT_EQ(recovery.mismatchedReceipts, std::vector<fs::path>{m_receipt});
+  EXPECT_TRUE(fs::exists(m_receipt));
   fs::remove(m_staged);
+  fs::remove(m_receipt);
 
   // The same while replacing: the old pair comes back unchanged.
   writeText(m_dir / "c.png", "old c");
