@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "canvas/canvas.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "encoding/jpeg_encoder.h"
@@ -36,6 +37,10 @@ struct ExportOptions {
   std::optional<int> heifQuality;
   ResampleMethod method = ResampleMethod::estimate;
   double estimateStrength = 0.5;
+  // The canvas to compose onto, and the user's confirmation of a crop.
+  // Not saved with a queued job: a resumed job runs without a canvas.
+  std::optional<canvas::Canvas> canvas;
+  std::optional<canvas::CanvasConfirmation> canvasConfirmation;
 
   // The options last used ("sizeMode" or the older "scale", "sizeValue",
   // "boxWidth", "boxHeight", "format", "formatFollowsSource", "method",
