@@ -1,64 +1,41 @@
 #include "cli/enlarge_command.h"
 
-#include <charconv>
-#include <cmath>
+#include <algorithm>
 #include <iostream>
 #include <optional>
 #include <set>
 
 #include "cli/exit_codes.h"
-#include "cli/help_option.h"
+#include "cli/export_flags.h"
 #include "cli/export_session.h"
+#include "cli/help_option.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "encoding/naming_engine.h"
 #include "export/export_options.h"
 #include "export/export_planner.h"
+#include "recipes/folder_batch_walker.h"
 
 namespace tarnbloom::cli {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kUsage =
-    "Usage: tarnbloom enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n"
-    "  SIZE: x2 | x4 | x8 | percent:N | long-edge:N | width:N | height:N | box:WxH\n"
-    "  --method exact|clarity|enhance   (default exact)\n"
-    "  --strength S         Enhance only: how much AI estimate to keep, 0.1...1.0 (default 0.5)\n"
+const std::string kUsage =
+    std::string("Usage: tarnbloom enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n") +
+    kExportFlagsUsage +
     "  --out DIR            output folder (default: beside each source)\n"
-    "  --name TEMPLATE      Naming template -- tokens: {source} {sku} {w} {h} {method} "
-    "{format} {scale} {date} {index} {n}\n"
     "  --if-exists number|skip|overwrite   when the name is taken (default number: \"name 2\")\n"
     "  --receipts beside|store   receipt next to each export, or in the receipts folder (default "
     "store)\n"
-    "  --recursive          also enlarge the images in folders inside FOLDER\n"
-    "  --format same|png|jpeg|tiff|webp|avif|heic   (default: same as source)\n"
-    "  --quality N          lossy quality 1...100 (JPEG 95, WebP 85, HEIC/AVIF 90)\n"
-    "  --max-kb N           JPEG file size ceiling in kilobytes (1 KB = 1000 bytes)\n"
-    "  --profile keep|srgb  --icc keep|strip  --exif keep|strip  --xmp keep|strip\n"
-    "  --gps keep|strip     (default: keep profile, ICC, EXIF and XMP; strip GPS)\n"
-    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n"
+    "  --recursive          also enlarge the files in folders inside FOLDER\n"
     "  --allow-8bit         confirm that 16-bit sources may be reduced to 8 bits for JPEG and\n"
-    "                       WebP (without it such files are skipped)\n";
-
-struct SizeRequest {
-  SizeMode mode = SizeMode::x2;
-  double value = 0;
-  double boxWidth = 0;
-  double boxHeight = 0;
-};
+    "                       WebP (without it such files are skipped)\n"
+    "A FOLDER is preflighted: files that cannot work are set aside with the reason.\n";
 
 struct Options {
-  ResampleMethod method = ResampleMethod::exact;
-  SizeRequest size;
+  ExportFlags flags;
   std::filesystem::path out;  // empty: beside each source
-  // None: the format that matches each source.
-  std::optional<encoding::ExportFormat> format;
-  std::optional<int> quality;
-  std::optional<int64_t> maxBytes;
-  double strength = 0.5;  // Enhance only
-  encoding::ColourPolicy policy;
-  std::string nameTemplate = encoding::NamingEngine::defaultTemplate();
   exporting::CollisionPolicy ifExists = exporting::CollisionPolicy::number;
   bool receiptsBeside = false;
   bool recursive = false;
@@ -66,122 +43,17 @@ struct Options {
   std::vector<std::filesystem::path> files;
 };
 
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-double parseNumber(std::string_view text, const std::string& what) {
-  double value = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (result.ec != std::errc() || result.ptr != text.data() + text.size())
-    throw UsageError("“" + std::string(text) + "” is not a number for " + what + ".");
-  return value;
-}
-
-SizeRequest parseSize(const std::string& text) {
-  if (const auto quick = sizeModeFromRawValue(text); quick && quickFactor(*quick)) return {*quick};
-  const auto colon = text.find(':');
-  if (colon == std::string::npos) throw UsageError("Unknown size “" + text + "”.");
-  const std::string kind = text.substr(0, colon);
-  const std::string value = text.substr(colon + 1);
-  if (kind == "percent") return {SizeMode::percent, parseNumber(value, "percent")};
-  if (kind == "long-edge") return {SizeMode::longEdge, parseNumber(value, "long-edge")};
-  if (kind == "width") return {SizeMode::width, parseNumber(value, "width")};
-  if (kind == "height") return {SizeMode::height, parseNumber(value, "height")};
-  if (kind == "box") {
-    const auto x = value.find('x');
-    if (x == std::string::npos) throw UsageError("A box size is written box:WIDTHxHEIGHT.");
-    return {SizeMode::boundingBox, 0, parseNumber(value.substr(0, x), "box width"),
-            parseNumber(value.substr(x + 1), "box height")};
-  }
-  throw UsageError("Unknown size “" + text + "”.");
-}
-
 Options parseOptions(const std::vector<std::string>& arguments) {
   Options options;
-  bool haveSize = false, haveMethod = false;
   for (size_t i = 0; i < arguments.size(); ++i) {
+    if (options.flags.parse(arguments, i)) continue;
     const std::string& a = arguments[i];
     auto next = [&]() -> const std::string& {
       if (i + 1 >= arguments.size()) throw UsageError(a + " needs a value.");
       return arguments[++i];
     };
-    if (a == "--method") {
-      const std::string& m = next();
-      if (m == "exact")
-        options.method = ResampleMethod::exact;
-      else if (m == "clarity")
-        options.method = ResampleMethod::clarity;
-      else if (m == "enhance")
-        options.method = ResampleMethod::estimate;
-      else
-        throw UsageError("Unknown method “" + m + "”.");
-      haveMethod = true;
-    } else if (a == "--size") {
-      options.size = parseSize(next());
-      haveSize = true;
-    } else if (a == "--out") {
+    if (a == "--out") {
       options.out = next();
-    } else if (a == "--format") {
-      const std::string& f = next();
-      if (f == "same") {
-        options.format.reset();
-      } else {
-        const auto format = encoding::exportFormatFromRawValue(f);
-        if (!format)
-          throw UsageError("Unknown format “" + f +
-                           "”; use same, png, jpeg, tiff, webp, avif or heic.");
-        if (!encoding::isWritable(*format))
-          throw UsageError(std::string(encoding::title(*format)) +
-                           " can’t be written on this computer: no encoder for it is installed.");
-        options.format = format;
-      }
-    } else if (a == "--strength") {
-      const double strength = parseNumber(next(), "strength");
-      if (!(strength >= 0.1 && strength <= 1.0))
-        throw UsageError(
-            "Strength must be a number from 0.1 to 1.0 (how much of the AI estimate to keep).");
-      options.strength = strength;
-    } else if (a == "--quality") {
-      const double q = parseNumber(next(), "quality");
-      if (q < 1 || q > 100 || q != std::floor(q))
-        throw UsageError("Quality must be a whole number from 1 to 100.");
-      options.quality = static_cast<int>(q);
-    } else if (a == "--max-kb") {
-      const double kb = parseNumber(next(), "--max-kb");
-      if (kb < 1 || kb > 1e9 || kb != std::floor(kb))
-        throw UsageError("--max-kb must be a whole number of kilobytes, at least 1.");
-      options.maxBytes = static_cast<int64_t>(kb) * 1000;
-    } else if (a == "--profile") {
-      const std::string& v = next();
-      const auto profile = encoding::profilePolicyFromRawValue(v);
-      if (!profile) throw UsageError("--profile takes keep or srgb, not “" + v + "”.");
-      options.policy.profile = *profile;
-    } else if (a == "--icc" || a == "--exif" || a == "--xmp" || a == "--gps") {
-      const std::string& v = next();
-      const auto toggle = encoding::metadataToggleFromRawValue(v);
-      if (!toggle) throw UsageError(a + " takes keep or strip, not “" + v + "”.");
-      (a == "--icc"    ? options.policy.icc
-       : a == "--exif" ? options.policy.exif
-       : a == "--xmp"  ? options.policy.xmp
-                       : options.policy.gps) = *toggle;
-    } else if (a == "--flatten") {
-      try {
-        options.policy.flatten = encoding::ColourPolicy::canonicalFlattenColour(next());
-      } catch (const encoding::ColourPolicyError& error) {
-        throw UsageError(error.description());
-      }
-    } else if (a == "--name") {
-      const std::string& templ = next();
-      try {
-        encoding::NamingEngine::validateTemplate(templ);
-      } catch (const encoding::NamingError& error) {
-        throw UsageError(error.description());
-      }
-      if (templ.find('/') != std::string::npos || templ.empty())
-        throw UsageError("A naming template names a file in the output folder: no “/”, not empty.");
-      options.nameTemplate = templ;
     } else if (a == "--if-exists") {
       const std::string& v = next();
       if (v == "number")
@@ -207,42 +79,9 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.files.emplace_back(a);
     }
   }
-  if (!haveMethod) options.method = ResampleMethod::exact;
-  if (!haveSize) throw UsageError("Choose a size with --size.");
+  if (!options.flags.haveSize) throw UsageError("Choose a size with --size.");
   if (options.files.empty()) throw UsageError("Name at least one file or folder to enlarge.");
   return options;
-}
-
-exporting::ExportOptions exportOptions(const Options& options) {
-  exporting::ExportOptions result;
-  result.sizeMode = options.size.mode;
-  result.sizeValue = options.size.value;
-  result.boxWidth = options.size.boxWidth;
-  result.boxHeight = options.size.boxHeight;
-  result.formatFollowsSource = !options.format;
-  if (options.format) result.format = *options.format;
-  result.colourPolicy = options.policy;
-  if (options.quality) {
-    result.jpeg.quality = *options.quality;
-    result.webp.lossyQuality = static_cast<float>(*options.quality);
-    result.heifQuality = *options.quality;
-  }
-  result.jpeg.maxBytes = options.maxBytes;
-  result.method = options.method;
-  result.estimateStrength = options.strength;
-  return result;
-}
-
-bool isStillImageName(const fs::path& path) {
-  static const std::set<std::string> extensions = {
-      "png",  "jpg",  "jpeg", "jpe", "tif", "tiff", "heic", "heif", "hif",
-      "avif", "webp", "dng",  "cr2", "cr3", "nef",  "nrw",  "arw",  "raf",
-      "orf",  "rw2",  "pef",  "srw", "x3f", "3fr",  "iiq"};
-  std::string extension = path.extension().string();
-  if (extension.size() < 2) return false;
-  extension.erase(0, 1);
-  for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return extensions.contains(extension);
 }
 
 // File-manager order: digit runs compare as numbers, so "photo 2" comes
@@ -270,51 +109,48 @@ bool naturalLess(const fs::path& a, const fs::path& b) {
   return x.size() - i < y.size() - j || (x.size() - i == y.size() - j && x < y);
 }
 
-// The files to enlarge: each file argument as given, and the still images
-// of each folder in name order (inside folders too with --recursive, never
-// inside the output folder).
-std::vector<fs::path> expandInputs(const Options& options) {
+// The files to enlarge: each file argument as given, and what the folder
+// walk finds in each folder argument (inside its folders too with
+// --recursive, never inside the output folder), in file-manager order.
+// Folder problems are printed; a refused destination is a usage error.
+struct Inputs {
   std::vector<fs::path> files;
-  const fs::path out = options.out.empty() ? fs::path() : fs::weakly_canonical(options.out);
+  std::set<fs::path> walked;  // found in folders: preflight refuses what cannot work
+};
+
+Inputs expandInputs(const Options& options) {
+  Inputs inputs;
+  std::vector<fs::path> destinations;
+  if (!options.out.empty()) destinations.push_back(options.out);
   for (const auto& argument : options.files) {
     std::error_code error;
     if (!fs::is_directory(argument, error)) {
-      files.push_back(argument);
+      inputs.files.push_back(argument);
       continue;
     }
-    std::vector<fs::path> found;
-    bool hasFolders = false;
-    const auto consider = [&](const fs::directory_entry& entry) {
-      std::error_code e;
-      if (entry.is_regular_file(e) && isStillImageName(entry.path())) found.push_back(entry.path());
-    };
-    if (options.recursive) {
-      fs::recursive_directory_iterator it(argument, fs::directory_options::skip_permission_denied,
-                                          error);
-      for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        const bool hidden = it->path().filename().string().starts_with(".");
-        if (it->is_directory(error)) {
-          if (hidden || (!out.empty() && fs::weakly_canonical(it->path()) == out))
-            it.disable_recursion_pending();
-          continue;
-        }
-        if (!hidden) consider(*it);
-      }
-    } else {
-      for (fs::directory_iterator it(argument, error), end; !error && it != end;
-           it.increment(error)) {
-        std::error_code e;
-        hasFolders = hasFolders || it->is_directory(e);
-        consider(*it);
-      }
-    }
+    if (!options.out.empty())
+      if (const auto rejection =
+              recipes::FolderBatchWalker::destinationRejection(argument, options.out))
+        throw UsageError(*rejection);
+    const auto walk =
+        recipes::FolderBatchWalker::walkDetailed(argument, options.recursive, destinations);
+    for (const auto& problem : walk.problems) std::cerr << problem.message << '\n';
+    std::vector<fs::path> found = walk.files;
     std::sort(found.begin(), found.end(), naturalLess);
-    if (found.empty())
-      std::cerr << "“" << argument.string() << "” holds no still images"
-                << (hasFolders ? " (add --recursive to look inside its folders)" : "") << ".\n";
-    files.insert(files.end(), found.begin(), found.end());
+    if (found.empty() && walk.problems.empty()) {
+      bool hasFolders = false;
+      for (fs::directory_iterator it(argument, error), end; !error && it != end;
+           it.increment(error))
+        hasFolders = hasFolders || it->is_directory(error);
+      std::cerr << "“" << argument.string() << "” holds no files"
+                << (hasFolders && !options.recursive ? " (add --recursive to look inside its folders)"
+                                                    : "")
+                << ".\n";
+    }
+    for (const auto& file : found) inputs.walked.insert(fs::absolute(file).lexically_normal());
+    inputs.files.insert(inputs.files.end(), found.begin(), found.end());
   }
-  return files;
+  return inputs;
 }
 
 }  // namespace
@@ -340,12 +176,18 @@ int runEnlarge(const std::vector<std::string>& arguments) {
       return kExitUsage;
     }
   }
-  const std::vector<fs::path> files = expandInputs(options);
-  if (files.empty()) {
+  Inputs inputs;
+  try {
+    inputs = expandInputs(options);
+  } catch (const UsageError& error) {
+    std::cerr << "tarnbloom enlarge: " << error.what() << '\n';
+    return kExitUsage;
+  }
+  if (inputs.files.empty()) {
     std::cerr << "tarnbloom enlarge: nothing to enlarge.\n";
     return kExitUsage;
   }
-  const exporting::ExportOptions exportOptions = cli::exportOptions(options);
+  const exporting::ExportOptions exportOptions = options.flags.exportOptions();
 
   std::unique_ptr<ExportSession> session;
   try {
@@ -366,11 +208,12 @@ int runEnlarge(const std::vector<std::string>& arguments) {
   description.collision = options.ifExists;
   exporting::DestinationRule destination;
   if (!options.out.empty()) destination.folder = options.out;
-  exporting::ExportPlanner planner(description, options.nameTemplate, destination);
+  exporting::ExportPlanner planner(description, options.flags.templateOrDefault(), destination);
   planner.reserve(session->controller().reservedOutputs());
-  exporting::ExportPlan plan = planner.plan(files);
+  planner.refuseUnreadable([&](const fs::path& file) { return inputs.walked.contains(file); });
+  exporting::ExportPlan plan = planner.plan(inputs.files);
 
-  if (options.maxBytes)
+  if (options.flags.maxBytes)
     for (const auto& item : plan.items)
       if (const auto format = exportOptions.resolvedFormat(item.url);
           format != encoding::ExportFormat::jpeg)
@@ -379,7 +222,10 @@ int runEnlarge(const std::vector<std::string>& arguments) {
   int skipped = 0, failed = 0;
   for (const auto& refusal : plan.refusals) {
     std::cout << refusal.source.filename().string() << ": " << refusal.text << '\n';
-    ++(refusal.kind == exporting::PlanRefusal::Kind::skipped ? skipped : failed);
+    // A folder's other files (notes, sidecars) are set aside, not failures.
+    const bool notAPhoto =
+        refusal.preflight && refusal.preflight->cause == exporting::PreflightCause::notAnImage;
+    ++(refusal.kind == exporting::PlanRefusal::Kind::skipped || notAPhoto ? skipped : failed);
   }
   if (options.out.empty()) session->saveBesideOriginals();
   session->countSkippedBeforeRun(skipped);

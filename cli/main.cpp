@@ -10,6 +10,7 @@
 #include "cli/exit_codes.h"
 #include "cli/enlarge_command.h"
 #include "cli/info_command.h"
+#include "cli/preflight_command.h"
 #include "cli/queue_command.h"
 
 namespace {
@@ -26,6 +27,8 @@ constexpr const char* kUsage =
     "                          --format same|png|jpeg|tiff|webp|avif|heic  --quality N  --max-kb N\n"
     "                          --profile keep|srgb  --icc|--exif|--xmp|--gps keep|strip\n"
     "                          --flatten white|black|#RRGGBB  --strength S (enhance)  --allow-8bit\n"
+    "  preflight FOLDER --out DEST --size SIZE [OPTIONS] [--exclusions FILE] [--json]\n"
+    "                          say what a folder batch would enlarge and set aside, exporting nothing\n"
     "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"
@@ -58,6 +61,7 @@ int main(int argc, char** argv) {
   if (command == "info") return tarnbloom::cli::runInfo(arguments);
   if (command == "enlarge") return tarnbloom::cli::runEnlarge(arguments);
   if (command == "queue") return tarnbloom::cli::runQueue(arguments);
+  if (command == "preflight") return tarnbloom::cli::runPreflight(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;
 }

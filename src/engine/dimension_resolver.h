@@ -28,6 +28,13 @@ class DimensionError : public Error {
   static DimensionError exceedsPixelLimit(int64_t width, int64_t height, int64_t limit);
 
   Case errorCase() const { return m_case; }
+  // The size that was asked for, as the message shows it ("3999 px wide");
+  // belowSource only.
+  const std::string& label() const { return m_text; }
+  // The size that was refused and the limit it broke; exceedsPixelLimit only.
+  int64_t width() const { return m_a; }
+  int64_t height() const { return m_b; }
+  int64_t limit() const { return m_c; }
   std::string description() const override;
   std::string recoverySuggestion() const override;
 

@@ -20,12 +20,14 @@ SourceProbe SourceProbe::probe(const std::filesystem::path& url) {
 
 SourceProbe SourceProbe::fromHeader(const codec::ContainerProbe& header) {
   SourceProbe result;
+  result.knownContainer = header.container != codec::Container::unknown;
   if (!header.opened || header.frameCount < 1) {
     result.notAnImage = true;
     return result;
   }
   if (header.container == codec::Container::gif || header.frameCount != 1) {
     result.readable = true;
+    result.unsupportedType = header.container == codec::Container::gif;
     return result;
   }
   // An image container whose frame has no usable size: damaged, not foreign.

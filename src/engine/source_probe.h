@@ -21,6 +21,11 @@ struct SourceProbe {
   uint32_t orientation = 1;
   // Not an image container at all, or one with no frame.
   bool notAnImage = false;
+  // An image, but of a kind that is never enlarged (GIF).
+  bool unsupportedType = false;
+  // The bytes start like an image format we know, whatever followed: a
+  // file that then cannot be opened is damaged, not foreign.
+  bool knownContainer = false;
 
   // Never fails; every outcome is in the fields.
   static SourceProbe probe(const std::filesystem::path& url);

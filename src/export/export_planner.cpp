@@ -1,12 +1,11 @@
 #include "export/export_planner.h"
 
+#include <fcntl.h>
+
 #include "encoding/naming_engine.h"
-#include "encoding/webp_encoder.h"
-#include "engine/dimension_resolver.h"
 #include "engine/resample_engine.h"
 #include "engine/source_probe.h"
 #include "support/files.h"
-#include "support/locale_numbers.h"
 #include "support/utf8.h"
 
 namespace tarnbloom::exporting {
@@ -41,6 +40,13 @@ std::optional<std::string> unusableSource(const fs::path& file, const fs::path& 
   return std::nullopt;
 }
 
+// Whether the file can be opened for reading at all: a probe of a file we
+// may not read says nothing about what it holds.
+bool isReadable(const fs::path& file) {
+  const FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  return fd.get() >= 0;
+}
+
 }  // namespace
 
 ExportPlanner::ExportPlanner(JobDescription description, std::string nameTemplate,
@@ -72,34 +78,29 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
       continue;
     }
     const SourceProbe probe = SourceProbe::probe(item.url);
-    if (!probe.readable || !probe.supportedFormat) {
-      plan.items.push_back(std::move(item));
-      continue;
-    }
     OutputNaming naming;
     naming.source = item.url;
     naming.folder = item.destination;
     naming.format = options.resolvedFormat(item.url);
     naming.sourceWidth = probe.width;
     naming.batchIndex = item.batchIndex;
-    try {
-      const ResolvedSize size =
-          options.resolvedSize(probe.width, probe.height, probe.bitDepth, naming.format);
-      naming.width = size.width;
-      naming.height = size.height;
-    } catch (const DimensionError& error) {
-      refuse(PlanRefusal::Kind::failed, error.description() + " " + error.recoverySuggestion());
+    const SourceClassification classified =
+        classifySource(probe, isReadable(item.url), options, naming.format,
+                       m_description.confirmed16BitReduction);
+    if (classified.exception) {
+      const bool headerOnly = classified.exception->code == PreflightExceptionClass::unreadable ||
+                              classified.exception->code ==
+                                  PreflightExceptionClass::unsupportedFormat;
+      if (headerOnly && !(m_refuseUnreadable && m_refuseUnreadable(item.url))) {
+        plan.items.push_back(std::move(item));
+      } else {
+        refuse(PlanRefusal::Kind::failed, classified.exception->explanation);
+        plan.refusals.back().preflight = classified.exception;
+      }
       continue;
     }
-    if (naming.format == encoding::ExportFormat::webp &&
-        std::max(naming.width, naming.height) > encoding::WebPEncoder::maximumDimension) {
-      refuse(PlanRefusal::Kind::failed,
-             groupedNumber(naming.width) + " × " + groupedNumber(naming.height) +
-                 " is over WebP’s " + std::to_string(encoding::WebPEncoder::maximumDimension) +
-                 "-pixel limit for one side. Choose a smaller target, or export PNG, JPEG or "
-                 "TIFF instead.");
-      continue;
-    }
+    naming.width = classified.size->width;
+    naming.height = classified.size->height;
     try {
       const fs::path first = encoding::NamingEngine::firstCandidatePath(
           naming.folder, m_template, namingFacts(m_description, naming));
@@ -116,6 +117,8 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
                             !ResampleEngine::isSourceDestination(first, item.url);
       item.assignedOutput =
           replaces ? first : numbered(naming.folder, m_template, m_description, naming, taken);
+      if (*item.assignedOutput != first)
+        plan.collisions.push_back({item.url, first, *item.assignedOutput});
     } catch (const Error& error) {
       refuse(PlanRefusal::Kind::failed, error.description());
       continue;

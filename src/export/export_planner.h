@@ -9,6 +9,7 @@
 
 #include "encoding/export_format.h"
 #include "export/export_job.h"
+#include "export/preflight.h"
 
 namespace tarnbloom::exporting {
 
@@ -27,12 +28,23 @@ struct PlanRefusal {
   Kind kind = Kind::failed;
   // What the user is told after the file's name.
   std::string text;
+  // How a preflight list files it; none for files that are not there.
+  std::optional<PreflightException> preflight;
+};
+
+// A file whose first-choice name was taken: it stays in the plan under a
+// numbered name.
+struct PlanCollision {
+  std::filesystem::path source;
+  std::filesystem::path wanted;    // the name the template gave
+  std::filesystem::path assigned;  // the numbered one it gets
 };
 
 struct ExportPlan {
   JobDescription description;
   std::vector<PlannedItem> items;
   std::vector<PlanRefusal> refusals;
+  std::vector<PlanCollision> collisions;
 };
 
 // The facts an output is named from once its source is known.
@@ -58,9 +70,18 @@ class ExportPlanner {
 
   // Names other unfinished exports hold; they count as taken.
   void reserve(std::set<std::filesystem::path> paths) { m_reserved = std::move(paths); }
+  // Preflight: a source whose header cannot be read, or that is no still
+  // image, is refused too. Otherwise it goes in unplanned and its export
+  // says why it fails, with what the decoder found.
+  void refuseUnreadable(bool refuse) {
+    m_refuseUnreadable = [refuse](const std::filesystem::path&) { return refuse; };
+  }
+  // The same for the sources `which` names (files a folder walk found).
+  void refuseUnreadable(std::function<bool(const std::filesystem::path&)> which) {
+    m_refuseUnreadable = std::move(which);
+  }
 
-  // One planned item or one refusal per source, in order. Sources that
-  // cannot be read go in unplanned: their export says why they fail.
+  // One planned item or one refusal per source, in order.
   ExportPlan plan(const std::vector<std::filesystem::path>& sources) const;
 
   // The output of an item the plan could not name: the folder batch's
@@ -82,6 +103,7 @@ class ExportPlanner {
   std::string m_template;
   DestinationRule m_destination;
   std::set<std::filesystem::path> m_reserved;
+  std::function<bool(const std::filesystem::path&)> m_refuseUnreadable;
 };
 
 }  // namespace tarnbloom::exporting

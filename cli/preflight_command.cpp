@@ -1,0 +1,193 @@
+#include "cli/preflight_command.h"
+
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "cli/exit_codes.h"
+#include "cli/export_flags.h"
+#include "cli/help_option.h"
+#include "recipes/folder_batch_walker.h"
+#include "support/files.h"
+
+namespace tarnbloom::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using exporting::PreflightCause;
+
+const std::string kUsage =
+    std::string(
+        "Usage: tarnbloom preflight FOLDER --out DEST [--recursive] --size SIZE [OPTIONS]\n"
+        "       [--exclusions FILE] [--json]\n"
+        "Says which files of FOLDER a batch into DEST would enlarge, under which names, and\n"
+        "which it would set aside and why. Nothing is exported.\n") +
+    kExportFlagsUsage +
+    "  --allow-8bit         16-bit sources may be reduced to 8 bits\n"
+    "  --exclusions FILE    save the files set aside as tab-separated text\n"
+    "  --json               one JSON object instead of the lists\n"
+    "Exit status: 0 every file passes, 2 some are set aside, 3 none passes, 1 usage error.\n";
+
+struct Options {
+  ExportFlags flags;
+  fs::path folder, out, exclusions;
+  bool recursive = false, json = false, allow8Bit = false;
+};
+
+Options parseOptions(const std::vector<std::string>& arguments) {
+  Options options;
+  for (size_t i = 0; i < arguments.size(); ++i) {
+    if (options.flags.parse(arguments, i)) continue;
+    const std::string& a = arguments[i];
+    auto next = [&]() -> const std::string& {
+      if (i + 1 >= arguments.size()) throw UsageError(a + " needs a value.");
+      return arguments[++i];
+    };
+    if (a == "--out")
+      options.out = next();
+    else if (a == "--exclusions")
+      options.exclusions = next();
+    else if (a == "--recursive")
+      options.recursive = true;
+    else if (a == "--json")
+      options.json = true;
+    else if (a == "--allow-8bit")
+      options.allow8Bit = true;
+    else if (a.size() > 1 && a[0] == '-')
+      throw UsageError("Unknown option “" + a + "”.");
+    else if (options.folder.empty())
+      options.folder = a;
+    else
+      throw UsageError("Preflight one folder at a time.");
+  }
+  if (options.folder.empty()) throw UsageError("Name the folder to preflight.");
+  if (options.out.empty()) throw UsageError("Choose where the batch would go with --out.");
+  if (!options.flags.haveSize) throw UsageError("Choose a size with --size.");
+  return options;
+}
+
+nlohmann::ordered_json asJson(const Options& options,
+                              const recipes::FolderBatchWalker::WalkResult& walk,
+                              const recipes::PreflightReport& report) {
+  nlohmann::ordered_json document;
+  document["folder"] = fs::absolute(options.folder).string();
+  document["destination"] = fs::absolute(options.out).string();
+  auto& passed = document["passed"] = nlohmann::ordered_json::array();
+  for (const auto& item : report.plan.items) {
+    nlohmann::ordered_json entry = {{"file", item.url.string()}};
+    entry["output"] = item.assignedOutput ? item.assignedOutput->string() : "";
+    if (item.plannedSize) {
+      entry["width"] = item.plannedSize->first;
+      entry["height"] = item.plannedSize->second;
+    }
+    passed.push_back(std::move(entry));
+  }
+  auto& excluded = document["excluded"] = nlohmann::ordered_json::array();
+  for (const auto& [file, exception] : report.excluded)
+    excluded.push_back({{"file", file.string()},
+                        {"code", rawValue(exception.code)},
+                        {"cause", rawValue(exception.cause)},
+                        {"group", groupLabel(exception.cause)},
+                        {"explanation", exception.explanation}});
+  auto& collisions = document["collisions"] = nlohmann::ordered_json::array();
+  for (const auto& [file, note] : report.collisionNotes())
+    collisions.push_back({{"file", file.string()}, {"note", note}});
+  auto& problems = document["problems"] = nlohmann::ordered_json::array();
+  for (const auto& problem : walk.problems)
+    problems.push_back({{"folder", problem.folder.string()}, {"message", problem.message}});
+  return document;
+}
+
+void printLists(const Options& options, const recipes::FolderBatchWalker::WalkResult& walk,
+                const recipes::PreflightReport& report) {
+  for (const auto& problem : walk.problems) std::cout << problem.message << '\n';
+  for (const auto& folder : walk.excludedFolders)
+    std::cout << folder.folder.filename().string() << ": " << folder.message << '\n';
+  if (walk.files.empty()) {
+    std::cout << "Nothing to preflight.\n"
+              << (options.recursive ? "No files found in this folder or its subfolders"
+                                    : "No files found directly inside this folder")
+              << '\n';
+    return;
+  }
+  std::cout << report.plan.items.size() << (report.plan.items.size() == 1 ? " file" : " files")
+            << " in the batch:\n";
+  for (const auto& item : report.plan.items) {
+    std::cout << "  " << item.url.filename().string();
+    if (item.assignedOutput) std::cout << " → " << item.assignedOutput->filename().string();
+    if (item.plannedSize)
+      std::cout << " (" << item.plannedSize->first << " × " << item.plannedSize->second << ")";
+    std::cout << '\n';
+  }
+  const auto notes = report.collisionNotes();
+  if (!notes.empty()) {
+    std::cout << "Possible name collision\n";
+    for (const auto& [file, note] : notes)
+      std::cout << "  " << file.filename().string() << ": " << note << '\n';
+  }
+  for (const auto& refusal : report.skipped)
+    std::cout << refusal.source.filename().string() << ": " << refusal.text << '\n';
+  if (report.excluded.empty()) {
+    std::cout << "Every file passed preflight.\n";
+    return;
+  }
+  // Grouped as the batch window lists them, in the order of the causes.
+  std::map<PreflightCause, std::vector<std::pair<fs::path, std::string>>> groups;
+  for (const auto& [file, exception] : report.excluded)
+    groups[exception.cause].emplace_back(file, exception.explanation);
+  std::cout << report.excluded.size() << (report.excluded.size() == 1 ? " file" : " files")
+            << " set aside:\n";
+  for (const auto& [cause, files] : groups) {
+    std::cout << groupLabel(cause) << '\n';
+    for (const auto& [file, explanation] : files)
+      std::cout << "  " << file.filename().string() << ": " << explanation << '\n';
+  }
+}
+
+}  // namespace
+
+int runPreflight(const std::vector<std::string>& arguments) {
+  if (wantsHelp(arguments)) {
+    std::cout << kUsage;
+    return kExitSuccess;
+  }
+  Options options;
+  try {
+    options = parseOptions(arguments);
+  } catch (const UsageError& error) {
+    std::cerr << "tarnbloom preflight: " << error.what() << '\n' << kUsage;
+    return kExitUsage;
+  }
+  if (const auto rejection =
+          recipes::FolderBatchWalker::destinationRejection(options.folder, options.out)) {
+    std::cerr << "tarnbloom preflight: " << *rejection << '\n';
+    return kExitUsage;
+  }
+  const auto walk = recipes::FolderBatchWalker::walkDetailed(options.folder, options.recursive,
+                                                             {options.out});
+  exporting::JobDescription description;
+  description.options = options.flags.exportOptions();
+  description.confirmed16BitReduction = options.allow8Bit;
+  const exporting::ExportPlanner planner(description, options.flags.templateOrDefault(),
+                                         exporting::DestinationRule{options.out});
+  const recipes::PreflightReport report =
+      recipes::FolderBatchWalker::runPreflight(walk.files, planner);
+
+  if (options.json)
+    std::cout << asJson(options, walk, report).dump() << '\n';
+  else
+    printLists(options, walk, report);
+  if (!options.exclusions.empty()) {
+    try {
+      writeFileAtomically(options.exclusions, report.exclusionsExport());
+    } catch (const Error& error) {
+      std::cerr << "tarnbloom preflight: " << error.description() << '\n';
+      return kExitFailure;
+    }
+  }
+  if (!walk.problems.empty() && walk.files.empty()) return kExitFailure;
+  if (report.plan.items.empty()) return kExitFailure;
+  return report.excluded.empty() ? kExitSuccess : kExitPartial;
+}
+
+}  // namespace tarnbloom::cli
