@@ -116,7 +116,8 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
                             !planned.contains(first) && !m_reserved.contains(first) &&
                             !ResampleEngine::isSourceDestination(first, item.url);
       item.assignedOutput =
-          replaces ? first : numbered(naming.folder, m_template, m_description, naming, taken);
+          replaces ? first
+                   : numbered(naming.folder, m_template, m_description, naming, taken, false);
       if (*item.assignedOutput != first)
         plan.collisions.push_back({item.url, first, *item.assignedOutput});
     } catch (const Error& error) {
@@ -132,9 +133,9 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
 
 fs::path ExportPlanner::numbered(const fs::path& folder, std::string_view templ,
                                  const JobDescription& description, const OutputNaming& naming,
-                                 const Taken& taken) {
+                                 const Taken& taken, bool createFolder) {
   return encoding::NamingEngine::resolveOutputPath(folder, templ, namingFacts(description, naming),
-                                                   true, taken);
+                                                   createFolder, taken);
 }
 
 fs::path ExportPlanner::outputFor(const JobDescription& description, const OutputNaming& naming,
@@ -145,7 +146,7 @@ fs::path ExportPlanner::outputFor(const JobDescription& description, const Outpu
     templ = description.folderBatch->templ;
     if (!description.folderBatch->output.empty()) folder = description.folderBatch->output;
   }
-  return numbered(folder, templ, description, naming, taken);
+  return numbered(folder, templ, description, naming, taken, true);
 }
 
 fs::path ExportPlanner::reclaim(const fs::path& reserved, const fs::path& source, bool replace,

@@ -58,7 +58,8 @@ struct OutputNaming {
 };
 
 // Decides every export's output: its size and its name, from the sources'
-// headers, before any pixel is touched. Every route plans here (the
+// headers, before any pixel is touched and without writing anything (the
+// output folder is made when the export runs). Every route plans here (the
 // command line, recipes, folder preflight, automation, the window); the
 // controller only asks it again for an item that could not be planned, or
 // whose reserved name was taken meanwhile.
@@ -97,7 +98,8 @@ class ExportPlanner {
  private:
   static std::filesystem::path numbered(const std::filesystem::path& folder, std::string_view templ,
                                         const JobDescription& description,
-                                        const OutputNaming& naming, const Taken& taken);
+                                        const OutputNaming& naming, const Taken& taken,
+                                        bool createFolder);
 
   JobDescription m_description;
   std::string m_template;

@@ -182,15 +182,19 @@ TEST(QueueCommand, RetryRunsFailedFilesAsANewJobOnce) {
             2);
   fs::copy_file(testing::samplePath("chelsea.png"), photo, fs::copy_options::overwrite_existing);
 
+  const auto run = [&](const std::string& command, std::string& said) {
+    said.clear();
+    return testing::runCommand(tool + command + " 2>&1", &said);
+  };
   std::string said;
-  EXPECT_EQ(testing::runCommand(tool + " queue retry 2>&1", &said), 0) << said;
+  EXPECT_EQ(run(" queue retry", said), 0) << said;
   EXPECT_NE(said.find("Exported 1 file."), std::string::npos) << said;
-  EXPECT_EQ(testing::runCommand(tool + " queue retry 2>&1", &said), 0);
+  EXPECT_EQ(run(" queue retry", said), 0);
   EXPECT_NE(said.find("No failed exports to retry."), std::string::npos) << said;
-  EXPECT_EQ(testing::runCommand(tool + " queue resume 2>&1", &said), 0);
+  EXPECT_EQ(run(" queue resume", said), 0);
   EXPECT_NE(said.find("No interrupted exports to resume."), std::string::npos) << said;
 
-  testing::runCommand(tool + " queue", &said);
+  run(" queue", said);
   EXPECT_NE(said.find("1 file: 1 completed"), std::string::npos) << said;  // the retry's job
   EXPECT_NE(said.find("1 file: 1 completed"), said.rfind("1 file: 1 completed")) << said;
   EXPECT_EQ(std::distance(fs::directory_iterator(dir / "out"), fs::directory_iterator()), 4);
