@@ -1,13 +1,20 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tarnbloom::canvas {
 
 // How an enlarged image is placed on a canvas of an exact pixel size.
 enum class CanvasMode { exact, crop, subjectAware };
+
+// "exact", "crop", "subject_aware": the form recipes and agent documents use.
+std::string_view rawValue(CanvasMode mode);
+// nullopt for any other text (matching is exact: "Crop" is not a mode).
+std::optional<CanvasMode> canvasModeFromRawValue(std::string_view text);
 
 // What shows where the image does not cover the canvas.
 struct CanvasFill {
@@ -55,6 +62,14 @@ struct CanvasConfirmation {
   };
   std::optional<Point> subjectCentre;
   bool operator==(const CanvasConfirmation&) const = default;
+};
+
+// The identity a crop confirmation is bound to: the lower-case hex SHA-256
+// of the file's bytes, so another file of the same pixel size never passes
+// for the one the crop was confirmed on.
+struct CanvasSourceIdentity {
+  // Throws FileError when the file cannot be read.
+  static std::string of(const std::filesystem::path& path);
 };
 
 }  // namespace tarnbloom::canvas
