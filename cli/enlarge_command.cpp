@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 
@@ -14,7 +15,10 @@
 #include "encoding/naming_engine.h"
 #include "export/export_options.h"
 #include "export/export_planner.h"
+#include "canvas/canvas_composer.h"
+#include "canvas/canvas_json.h"
 #include "recipes/folder_batch_walker.h"
+#include "support/files.h"
 
 namespace tarnbloom::cli {
 namespace {
@@ -31,6 +35,7 @@ const std::string kUsage =
     "  --recursive          also enlarge the files in folders inside FOLDER\n"
     "  --allow-8bit         confirm that 16-bit sources may be reduced to 8 bits for JPEG and\n"
     "                       WebP (without it such files are skipped)\n"
+    "  --confirmation FILE  the crop confirmation `tarnbloom canvas preview` saved\n"
     "A FOLDER is preflighted: files that cannot work are set aside with the reason.\n";
 
 struct Options {
@@ -40,6 +45,7 @@ struct Options {
   bool receiptsBeside = false;
   bool recursive = false;
   bool allow8Bit = false;
+  std::filesystem::path confirmation;  // --confirmation: a confirmed crop
   std::vector<std::filesystem::path> files;
 };
 
@@ -73,6 +79,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.recursive = true;
     } else if (a == "--allow-8bit") {
       options.allow8Bit = true;
+    } else if (a == "--confirmation") {
+      options.confirmation = next();
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("Unknown option “" + a + "”.");
     } else {
@@ -81,6 +89,10 @@ Options parseOptions(const std::vector<std::string>& arguments) {
   }
   if (!options.flags.haveSize) throw UsageError("Choose a size with --size.");
   if (options.files.empty()) throw UsageError("Name at least one file or folder to enlarge.");
+  options.flags.finish();
+  if (!options.confirmation.empty() &&
+      !(options.flags.canvas && options.flags.canvas->mode == canvas::CanvasMode::crop))
+    throw UsageError("--confirmation confirms a crop: give it with --canvas and --crop.");
   return options;
 }
 
@@ -153,6 +165,26 @@ Inputs expandInputs(const Options& options) {
   return inputs;
 }
 
+// A confirmation file as `tarnbloom canvas preview` writes it; anything
+// else is refused, never taken for a confirmation.
+canvas::CanvasConfirmation readConfirmation(const fs::path& file) {
+  const std::string name = "“" + file.filename().string() + "”";
+  std::vector<std::byte> bytes;
+  try {
+    bytes = readWholeFile(file, size_t{1} << 20);
+  } catch (const Error& error) {
+    throw UsageError(error.description());
+  }
+  const auto json = nlohmann::json::parse(reinterpret_cast<const char*>(bytes.data()),
+                                          reinterpret_cast<const char*>(bytes.data() + bytes.size()),
+                                          nullptr, false);
+  const auto confirmation = canvas::confirmationFromJson(json);
+  if (!confirmation)
+    throw UsageError(name + " is not a crop confirmation Tarnbloom can read. Preview the crop "
+                            "again with “tarnbloom canvas preview”.");
+  return *confirmation;
+}
+
 }  // namespace
 
 int runEnlarge(const std::vector<std::string>& arguments) {
@@ -187,7 +219,23 @@ int runEnlarge(const std::vector<std::string>& arguments) {
     std::cerr << "tarnbloom enlarge: nothing to enlarge.\n";
     return kExitUsage;
   }
-  const exporting::ExportOptions exportOptions = options.flags.exportOptions();
+  exporting::ExportOptions exportOptions = options.flags.exportOptions();
+  // A crop is confirmed on one image's own pixels, never reused for others.
+  if (inputs.files.size() > 1 || !inputs.walked.empty()) {
+    const auto decision = canvas::BatchCanvasPolicy::decide(exportOptions.canvas);
+    if (!decision.allowed) {
+      std::cerr << "tarnbloom enlarge: " << decision.title << "\n" << decision.explanation << '\n';
+      return kExitUsage;
+    }
+  }
+  if (!options.confirmation.empty()) {
+    try {
+      exportOptions.canvasConfirmation = readConfirmation(options.confirmation);
+    } catch (const UsageError& error) {
+      std::cerr << "tarnbloom enlarge: " << error.what() << '\n';
+      return kExitUsage;
+    }
+  }
 
   std::unique_ptr<ExportSession> session;
   try {

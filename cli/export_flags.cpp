@@ -129,10 +129,49 @@ bool ExportFlags::parse(const std::vector<std::string>& arguments, size_t& i) {
     if (templ.find('/') != std::string::npos || templ.empty())
       throw UsageError("A naming template names a file in the output folder: no “/”, not empty.");
     flags.nameTemplate = templ;
+  } else if (a == "--canvas") {
+    const std::string& v = next();
+    const auto x = v.find('x');
+    const double w = x == std::string::npos ? 0 : parseNumber(v.substr(0, x), "--canvas");
+    const double h = x == std::string::npos ? 0 : parseNumber(v.substr(x + 1), "--canvas");
+    if (w < 1 || h < 1 || w != std::floor(w) || h != std::floor(h) || w > 1e6 || h > 1e6)
+      throw UsageError("A canvas is written --canvas WIDTHxHEIGHT in whole pixels, at least 1.");
+    if (!flags.canvas) flags.canvas = canvas::Canvas{};
+    flags.canvas->width = static_cast<int64_t>(w);
+    flags.canvas->height = static_cast<int64_t>(h);
+  } else if (a == "--fill") {
+    const std::string& v = next();
+    if (!flags.canvas) flags.canvas = canvas::Canvas{};
+    if (v == "transparent") {
+      flags.canvas->fill = canvas::CanvasFill{canvas::CanvasFill::Kind::transparent, {}};
+    } else if (v.size() == 7 && v[0] == '#' &&
+               v.find_first_not_of("0123456789abcdefABCDEF", 1) == std::string::npos) {
+      flags.canvas->fill = canvas::CanvasFill{canvas::CanvasFill::Kind::colour, v};
+    } else {
+      throw UsageError("--fill takes transparent or a colour #RRGGBB, not “" + v + "”.");
+    }
+  } else if (a == "--crop") {
+    const std::string& v = next();
+    const auto comma = v.find(',');
+    const double x = comma == std::string::npos ? -1 : parseNumber(v.substr(0, comma), "--crop");
+    const double y = comma == std::string::npos ? -1 : parseNumber(v.substr(comma + 1), "--crop");
+    if (x < 0 || y < 0 || x != std::floor(x) || y != std::floor(y) || x > 1e9 || y > 1e9)
+      throw UsageError("A crop is written --crop X,Y: the crop's top left corner in pixels of "
+                       "the enlargement.");
+    if (!flags.canvas) flags.canvas = canvas::Canvas{};
+    flags.canvas->mode = canvas::CanvasMode::crop;
+    flags.canvas->cropRect = canvas::CropRect{static_cast<int64_t>(x), static_cast<int64_t>(y)};
   } else {
     return false;
   }
   return true;
+}
+
+void ExportFlags::finish() const {
+  if (!canvas) return;
+  if (canvas->width < 1) throw UsageError("--fill and --crop need --canvas WIDTHxHEIGHT.");
+  if (canvas->mode == canvas::CanvasMode::crop && canvas->fill)
+    throw UsageError("A crop fills the whole canvas: --fill does not go with --crop.");
 }
 
 exporting::ExportOptions ExportFlags::exportOptions() const {
@@ -153,6 +192,11 @@ exporting::ExportOptions ExportFlags::exportOptions() const {
   result.jpeg.maxBytes = options.maxBytes;
   result.method = options.method;
   result.estimateStrength = options.strength;
+  result.canvas = options.canvas;
+  if (result.canvas && result.canvas->cropRect) {
+    result.canvas->cropRect->w = result.canvas->width;
+    result.canvas->cropRect->h = result.canvas->height;
+  }
   return result;
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "canvas/canvas.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "engine/resample_method.h"
@@ -37,10 +38,14 @@ struct ExportFlags {
   double strength = 0.5;  // Enhance only
   encoding::ColourPolicy policy;
   std::optional<std::string> nameTemplate;
+  // --canvas WxH, with --fill and, for a crop, --crop X,Y.
+  std::optional<canvas::Canvas> canvas;
 
   // Takes arguments[i] (and its value, moving i past it) when it is one of
   // these flags; false otherwise. Throws UsageError.
   bool parse(const std::vector<std::string>& arguments, size_t& i);
+  // Checks the flags that only make sense together. Throws UsageError.
+  void finish() const;
   exporting::ExportOptions exportOptions() const;
   std::string templateOrDefault() const;
 };
@@ -57,6 +62,11 @@ inline constexpr const char* kExportFlagsUsage =
     "  --max-kb N           JPEG file size ceiling in kilobytes (1 KB = 1000 bytes)\n"
     "  --profile keep|srgb  --icc keep|strip  --exif keep|strip  --xmp keep|strip\n"
     "  --gps keep|strip     (default: keep profile, ICC, EXIF and XMP; strip GPS)\n"
-    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n";
+    "  --flatten white|black|#RRGGBB   colour under transparency in JPEG (default white)\n"
+    "  --canvas WxH         place the enlargement on an exact canvas of W by H pixels\n"
+    "  --fill transparent|#RRGGBB   what shows around it (default: transparent, or the\n"
+    "                       --flatten colour where the format has no transparency)\n"
+    "  --crop X,Y           cut the canvas-sized crop at X,Y of the enlargement instead; needs\n"
+    "                       the confirmation `tarnbloom canvas preview` wrote\n";
 
 }  // namespace tarnbloom::cli

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/exit_codes.h"
+#include "cli/canvas_command.h"
 #include "cli/enlarge_command.h"
 #include "cli/info_command.h"
 #include "cli/preflight_command.h"
@@ -27,8 +28,11 @@ constexpr const char* kUsage =
     "                          --format same|png|jpeg|tiff|webp|avif|heic  --quality N  --max-kb N\n"
     "                          --profile keep|srgb  --icc|--exif|--xmp|--gps keep|strip\n"
     "                          --flatten white|black|#RRGGBB  --strength S (enhance)  --allow-8bit\n"
+    "                          --canvas WxH  --fill transparent|#RRGGBB  --crop X,Y --confirmation FILE\n"
     "  preflight FOLDER --out DEST --size SIZE [OPTIONS] [--exclusions FILE] [--json]\n"
     "                          say what a folder batch would enlarge and set aside, exporting nothing\n"
+    "  canvas preview FILE --size SIZE --canvas WxH --crop X,Y --out PREVIEW.png\n"
+    "                          write a crop preview and the confirmation an export of it needs\n"
     "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"
@@ -62,6 +66,7 @@ int main(int argc, char** argv) {
   if (command == "enlarge") return tarnbloom::cli::runEnlarge(arguments);
   if (command == "queue") return tarnbloom::cli::runQueue(arguments);
   if (command == "preflight") return tarnbloom::cli::runPreflight(arguments);
+  if (command == "canvas") return tarnbloom::cli::runCanvas(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;
 }

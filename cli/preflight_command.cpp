@@ -7,6 +7,7 @@
 #include "cli/exit_codes.h"
 #include "cli/export_flags.h"
 #include "cli/help_option.h"
+#include "canvas/canvas_composer.h"
 #include "recipes/folder_batch_walker.h"
 #include "support/files.h"
 
@@ -63,6 +64,7 @@ Options parseOptions(const std::vector<std::string>& arguments) {
   if (options.folder.empty()) throw UsageError("Name the folder to preflight.");
   if (options.out.empty()) throw UsageError("Choose where the batch would go with --out.");
   if (!options.flags.haveSize) throw UsageError("Choose a size with --size.");
+  options.flags.finish();
   return options;
 }
 
@@ -161,6 +163,11 @@ int runPreflight(const std::vector<std::string>& arguments) {
   if (const auto rejection =
           recipes::FolderBatchWalker::destinationRejection(options.folder, options.out)) {
     std::cerr << "tarnbloom preflight: " << *rejection << '\n';
+    return kExitUsage;
+  }
+  const auto decision = canvas::BatchCanvasPolicy::decide(options.flags.exportOptions().canvas);
+  if (!decision.allowed) {
+    std::cerr << "tarnbloom preflight: " << decision.title << '\n' << decision.explanation << '\n';
     return kExitUsage;
   }
   const auto walk = recipes::FolderBatchWalker::walkDetailed(options.folder, options.recursive,

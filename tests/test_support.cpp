@@ -57,6 +57,11 @@ std::vector<std::byte> readBytes(const std::filesystem::path& path) {
   return bytes;
 }
 
+std::string readText(const std::filesystem::path& path) {
+  const auto bytes = readBytes(path);
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
 int runCommand(const std::string& command, std::string* output) {
   FILE* pipe = ::popen(command.c_str(), "r");
   if (!pipe) return -1;

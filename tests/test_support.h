@@ -28,6 +28,7 @@ void writeBytes(const std::filesystem::path& path, std::span<const std::byte> by
 void writeBytes(const std::filesystem::path& path, std::span<const uint8_t> bytes);
 void writeText(const std::filesystem::path& path, const std::string& text);
 std::vector<std::byte> readBytes(const std::filesystem::path& path);
+std::string readText(const std::filesystem::path& path);
 // Every regular file below `folder`, in path order; none when it is missing.
 std::vector<std::filesystem::path> filesIn(const std::filesystem::path& folder);
 

@@ -574,8 +574,13 @@ void ExportController::publish(ItemRun& run) {
     inputs.sourceBitDepth = run.facts.bitsPerComponent;
     inputs.outputPath = output;
     inputs.outputSHA256 = sha256Hex(std::as_bytes(std::span(run.encoded.bytes)));
-    inputs.outputWidth = run.size.width;
-    inputs.outputHeight = run.size.height;
+    inputs.outputWidth = run.encoded.width;
+    inputs.outputHeight = run.encoded.height;
+    inputs.canvas = run.encoded.canvas;
+    inputs.padding = run.encoded.padding;
+    inputs.crop = run.encoded.cropRect;
+    inputs.resampledWidth = run.size.width;
+    inputs.resampledHeight = run.size.height;
     inputs.format = run.format;
     inputs.options = job.options();
     inputs.jpegReport = run.encoded.jpegReport;
@@ -632,8 +637,8 @@ void ExportController::publish(ItemRun& run) {
     Result& result = run.result;
     result.output = output;
     if (publication) result.receipt = run.receiptPath;
-    result.width = run.size.width;
-    result.height = run.size.height;
+    result.width = run.encoded.width;
+    result.height = run.encoded.height;
     result.format = run.format;
     result.timings = run.timings;
     if (run.encoded.jpegReport) {

@@ -2,7 +2,10 @@
 
 #include <fcntl.h>
 
+#include "canvas/canvas_composer.h"
 #include "encoding/naming_engine.h"
+#include "encoding/webp_encoder.h"
+#include "engine/engine_error.h"
 #include "engine/resample_engine.h"
 #include "engine/source_probe.h"
 #include "support/files.h"
@@ -101,6 +104,28 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
     }
     naming.width = classified.size->width;
     naming.height = classified.size->height;
+    // On a canvas the output is the canvas: names and limits follow it, and
+    // an image that cannot fit an exact canvas is refused here.
+    if (const auto& canvas = options.canvas) {
+      try {
+        if (canvas->mode == canvas::CanvasMode::exact)
+          canvas::CanvasComposer::resolveExactPlacement(naming.width, naming.height,
+                                                        canvas->width, canvas->height);
+      } catch (const canvas::CanvasError& error) {
+        refuse(PlanRefusal::Kind::failed, error.description() + " " + error.recoverySuggestion());
+        continue;
+      }
+      if (naming.format == encoding::ExportFormat::webp &&
+          std::max(canvas->width, canvas->height) > encoding::WebPEncoder::maximumDimension) {
+        refuse(PlanRefusal::Kind::failed,
+               EngineError::webPDimensionExceeded(encoding::WebPEncoder::maximumDimension,
+                                                  canvas->width, canvas->height)
+                   .description());
+        continue;
+      }
+      naming.width = canvas->width;
+      naming.height = canvas->height;
+    }
     try {
       const fs::path first = encoding::NamingEngine::firstCandidatePath(
           naming.folder, m_template, namingFacts(m_description, naming));
@@ -125,7 +150,7 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
       continue;
     }
     planned.insert(*item.assignedOutput);
-    item.plannedSize = std::pair{naming.width, naming.height};
+    item.plannedSize = std::pair{classified.size->width, classified.size->height};
     plan.items.push_back(std::move(item));
   }
   return plan;

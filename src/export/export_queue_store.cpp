@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "canvas/canvas_json.h"
 #include "export/file_bookmark.h"
 #include "export/receipt.h"
 #include "support/files.h"
@@ -63,6 +64,9 @@ ordered_json encodeJob(const PersistedExportJob& job) {
   if (job.confirmed16BitReduction) object["confirmed16BitReduction"] = true;
   putOptional(object, "receiptsBesideExports", job.receiptsBesideExports);
   putOptional(object, "created", job.created);
+  if (job.canvas) object["canvas"] = canvas::canvasJson(*job.canvas);
+  if (job.canvasConfirmation)
+    object["canvasConfirmation"] = canvas::confirmationJson(*job.canvasConfirmation);
   return object;
 }
 
@@ -124,6 +128,15 @@ PersistedExportJob decodeJob(const json& object) {
       optional<bool>(object, "confirmed16BitReduction").value_or(false);
   job.receiptsBesideExports = optional<bool>(object, "receiptsBesideExports");
   job.created = optional<std::string>(object, "created");
+  if (const auto canvas = object.find("canvas"); canvas != object.end() && !canvas->is_null()) {
+    job.canvas = canvas::canvasFromJson(*canvas);
+    job.canvasUnreadable = !job.canvas;
+  }
+  if (const auto confirmation = object.find("canvasConfirmation");
+      confirmation != object.end() && !confirmation->is_null()) {
+    job.canvasConfirmation = canvas::confirmationFromJson(*confirmation);
+    job.canvasUnreadable = job.canvasUnreadable || !job.canvasConfirmation;
+  }
   const auto items = object.find("items");
   if (items == object.end() || !items->is_array())
     throw ExportQueueError::decoding("“items” is missing");
@@ -167,6 +180,9 @@ bool PersistedExportJob::hasUnfinishedItems() const {
 JobDescription PersistedExportJob::description() const {
   JobDescription description;
   description.options = options.options();  // throws unreadableSettings
+  if (canvasUnreadable) throw ExportQueueError::unreadableSettings();
+  description.options.canvas = canvas;
+  description.options.canvasConfirmation = canvasConfirmation;
   description.fromFinder = fromFinder;
   description.quitWhenDone = quitWhenDone;
   if (folderTemplate)
@@ -304,6 +320,8 @@ const PersistedExportJob& ExportQueueStore::enqueue(const JobDescription& descri
   job.confirmed16BitReduction = description.confirmed16BitReduction;
   job.receiptsBesideExports = description.receiptsBesideExports;
   job.created = formatIso8601(m_clock());
+  job.canvas = description.options.canvas;
+  job.canvasConfirmation = description.options.canvasConfirmation;
   for (const PlannedItem& planned : items) {
     PersistedExportItem item;
     item.id = makeUuid();

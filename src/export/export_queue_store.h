@@ -54,6 +54,11 @@ struct PersistedExportJob {
   // Where receipts go; unset in files from before it was recorded.
   std::optional<bool> receiptsBesideExports;
   std::optional<std::string> created;  // ISO-8601
+  // Kept beside the options so that a resumed batch is composed as the
+  // interrupted one would have been; one read back wrong is never applied.
+  std::optional<canvas::Canvas> canvas;
+  std::optional<canvas::CanvasConfirmation> canvasConfirmation;
+  bool canvasUnreadable = false;
   std::vector<PersistedExportItem> items;
 
   bool hasUnfinishedItems() const;

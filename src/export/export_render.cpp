@@ -36,12 +36,14 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
                               const std::vector<std::string>& claims, EstimateEngine* estimates,
                               const RenderProgress& progress, const std::atomic<bool>* cancel) {
   EncodedExport result;
-  result.width = size.width;
-  result.height = size.height;
+  // A canvas decides the output's size: known before any pixel is rendered.
+  const auto& canvasSpec = options.canvas;
+  result.width = canvasSpec ? canvasSpec->width : size.width;
+  result.height = canvasSpec ? canvasSpec->height : size.height;
   result.claims = claims;
   StageClock clock(result.timings);
   // WebP's side limit is known before any pixel is rendered.
-  if (format == ExportFormat::webp) encoding::WebPEncoder::preflight(size.width, size.height);
+  if (format == ExportFormat::webp) encoding::WebPEncoder::preflight(result.width, result.height);
 
   // WebP, HEIC and AVIF store colour only: a grey source goes to them as
   // sRGB grey, since its grey profile cannot describe RGB pixels.
@@ -53,14 +55,28 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
   output.estimateStrength = options.estimateStrength;
   output.keepProfile = policy.profile == encoding::ProfilePolicy::keep;
   output.sixteenBit = source.bitsPerComponent == 16 && encoding::supports16Bit(format);
-  if (!encoding::supportsAlpha(format) && source.hasAlpha) {
-    const auto rgb = encoding::ColourPolicy::resolveFlattenColourSRGB(policy.flatten);
-    output.flatten = std::array<float, 3>{linearFromSRGB(rgb[0]), linearFromSRGB(rgb[1]),
-                                          linearFromSRGB(rgb[2])};
-  }
-  const encoding::OutputMetadata metadata = encoding::OutputMetadata::resolve(
-      source, policy, claims, static_cast<int>(size.width), static_cast<int>(size.height));
+  const auto flattenSRGB = encoding::ColourPolicy::resolveFlattenColourSRGB(policy.flatten);
+  if (!encoding::supportsAlpha(format) && source.hasAlpha)
+    output.flatten = std::array<float, 3>{linearFromSRGB(flattenSRGB[0]),
+                                          linearFromSRGB(flattenSRGB[1]),
+                                          linearFromSRGB(flattenSRGB[2])};
+  const encoding::OutputMetadata metadata =
+      encoding::OutputMetadata::resolve(source, policy, claims, static_cast<int>(result.width),
+                                        static_cast<int>(result.height));
   result.metadataDropped = metadata.dropped;
+  canvas::CanvasPreviewContext context;
+  canvas::ComposeTarget target;
+  if (canvasSpec) {
+    context.sourceIdentity = source.sourceHash.value_or("");
+    context.resampledWidth = size.width;
+    context.resampledHeight = size.height;
+    context.canvas = *canvasSpec;
+    context.formatToken = std::string(encoding::rawValue(format));
+    target.colourSpace =
+        output.keepProfile ? source.colorSpace : codec::ColourSpace::forFrame({}, false);
+    target.keepsAlpha = encoding::supportsAlpha(format);
+    target.flattenSRGB = flattenSRGB;
+  }
 
   codec::PixelBuffer image;
   {
@@ -69,6 +85,14 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
     image = engine.exportImage({size.width, size.height}, options.method, output, progress, cancel);
   }
   clock.mark("render");
+  if (canvasSpec) {
+    auto applied = canvas::CanvasComposer::apply(canvasSpec, std::move(image),
+                                                 options.canvasConfirmation, context, target);
+    image = std::move(applied.image);
+    result.canvas = applied.canvas;
+    result.cropRect = applied.cropRect;
+    result.padding = applied.padding;
+  }
 
   switch (format) {
     case ExportFormat::png:

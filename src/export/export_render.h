@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "canvas/canvas_composer.h"
 #include "engine/dimension_resolver.h"
 #include "engine/resample_engine.h"
 #include "export/export_options.h"
@@ -23,13 +24,18 @@ struct EncodedExport {
   std::vector<std::string> claims;
   // Source metadata left out because it could not be read.
   std::vector<std::string> metadataDropped;
+  // The canvas composed onto, the crop cut and the padding, when one was.
+  std::optional<canvas::Canvas> canvas;
+  std::optional<canvas::CropRect> cropRect;
+  canvas::ExactPlacement padding;
   // Seconds per stage: "linearise", "render", "encode".
   std::map<std::string, double> timings;
 };
 
 // Renders `source` at `size` by the options' method (Enhance on
-// `estimates`) and encodes it as `format` under the options' colour and
-// metadata policy. Throws the engine's and the encoders' errors;
+// `estimates`), composes the options' canvas, if any, and encodes it as
+// `format` under the options' colour and metadata policy. The output is
+// the canvas's size when there is one. Throws the engine's and the encoders' errors;
 // EngineError::cancelled when `cancel` is set during the render.
 EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
                               const ResolvedSize& size, encoding::ExportFormat format,

@@ -1,5 +1,7 @@
 #include "export/receipt.h"
 
+#include "canvas/canvas_json.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -263,10 +265,25 @@ nlohmann::ordered_json Receipt::build(const std::string& appVersion, const std::
   document["method"] = {{"name", std::string(rawValue(method))},
                         {"version", std::string(methodVersion(method, inputs.estimate))}};
   document["dimensions_mode"] = dimensionsMode(inputs.options);
-  // Canvases, crops and background masks are not made by this build; the
-  // keys stay so that readers find every section in every receipt.
-  document["canvas"] = nullptr;
-  document["crop"] = nullptr;
+  // Background masks are not made by this build; the key stays so that
+  // readers find every section in every receipt.
+  if (inputs.canvas) {
+    Json canvas = canvas::canvasJson(*inputs.canvas);
+    canvas["resampled_width"] = inputs.resampledWidth;
+    canvas["resampled_height"] = inputs.resampledHeight;
+    canvas["padding"] = {{"left", inputs.padding.left},
+                         {"top", inputs.padding.top},
+                         {"right", inputs.padding.right},
+                         {"bottom", inputs.padding.bottom}};
+    document["canvas"] = std::move(canvas);
+  } else {
+    document["canvas"] = nullptr;
+  }
+  if (inputs.crop)
+    document["crop"] = {{"x", inputs.crop->x}, {"y", inputs.crop->y}, {"w", inputs.crop->w},
+                        {"h", inputs.crop->h}, {"confirmed", true}};
+  else
+    document["crop"] = nullptr;
   document["masks"] = {{"resolved_mask_sha256", nullptr}};
   document["colour"] = colourSection(inputs.options.colourPolicy, inputs.metadataDropped);
   document["encoder"] = encoderSection(inputs);

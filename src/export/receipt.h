@@ -12,6 +12,7 @@
 #include "encoding/jpeg_encoder.h"
 #include "encoding/webp_encoder.h"
 #include "engine/resample_method.h"
+#include "canvas/canvas_composer.h"
 #include "export/export_options.h"
 #include "support/error.h"
 #include "support/iso_time.h"
@@ -75,6 +76,11 @@ struct ReceiptInputs {
   std::optional<EstimateProvenance> estimate;
   // Source metadata left out because it could not be read ("xmp", ...).
   std::vector<std::string> metadataDropped;
+  // The canvas composed onto and its padding, and a confirmed crop.
+  std::optional<canvas::Canvas> canvas;
+  canvas::ExactPlacement padding;
+  std::optional<canvas::CropRect> crop;
+  int64_t resampledWidth = 0, resampledHeight = 0;
   // Seconds per compute stage ("load", "render", "encode").
   std::map<std::string, double> timings;
   // The export queue's job and item and the attempt: lets a resumed export

@@ -88,11 +88,13 @@ TEST(EnlargeCommand, ReportsEachBadFileAndExportsTheRest) {
 }
 
 TEST(EnlargeCommand, HelpAndAReaderThatGoesAwayAreNoReasonToFail) {
-  for (const std::string command : {"enlarge", "queue", "info"}) {
+  for (const std::string command : {"enlarge", "preflight", "canvas", "queue", "info"}) {
     std::string usage;
     EXPECT_EQ(testing::runCommand(std::string(TARNBLOOM_CLI) + " " + command + " --help", &usage),
               0);
     EXPECT_EQ(usage.rfind("Usage: tarnbloom " + command, 0), 0u) << usage;
+    EXPECT_EQ(std::count_if(usage.begin(), usage.end(), [](char c) { return c & 0x80; }), 0)
+        << command << ": the manual page takes plain text";
   }
   // The manual page is made of those texts and must stay valid roff.
   const auto manual = fs::path(TARNBLOOM_CLI).parent_path() / "tarnbloom.1";
