@@ -95,12 +95,12 @@ TEST(Preflight, SetsAsideWhatCannotWorkWithItsCodeAndPlansTheRest) {
   for (const auto& [file, exception] : report.excluded)
     codes[file.filename().string()] =
         std::string(rawValue(exception.code)) + " " + std::string(rawValue(exception.cause));
-  EXPECT_EQ(codes, (std::map<std::string, std::string>{
-                       {"anim.gif", "UNSUPPORTED_FORMAT notAnImage"},
-                       {"broken.png", "UNREADABLE unreadable"},
-                       {"empty.png", "UNSUPPORTED_FORMAT notAnImage"},
-                       {"notes.jpg", "UNSUPPORTED_FORMAT notAnImage"},
-                       {"wide.png", "OVER_CODEC_LIMIT codecLimit"}}));
+  EXPECT_EQ(codes,
+            (std::map<std::string, std::string>{{"anim.gif", "UNSUPPORTED_FORMAT notAnImage"},
+                                                {"broken.png", "UNREADABLE unreadable"},
+                                                {"empty.png", "UNSUPPORTED_FORMAT notAnImage"},
+                                                {"notes.jpg", "UNSUPPORTED_FORMAT notAnImage"},
+                                                {"wide.png", "OVER_CODEC_LIMIT codecLimit"}}));
 
   const std::string text = report.exclusionsExport();
   EXPECT_EQ(text.substr(0, text.find('\n') + 1), "file\tcode\tcause\texplanation\n");
