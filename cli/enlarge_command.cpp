@@ -10,6 +10,7 @@
 #include "cli/export_flags.h"
 #include "cli/export_session.h"
 #include "cli/help_option.h"
+#include "cli/recipe_command.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "encoding/naming_engine.h"
@@ -18,6 +19,7 @@
 #include "canvas/canvas_composer.h"
 #include "canvas/canvas_json.h"
 #include "recipes/folder_batch_walker.h"
+#include "recipes/recipe_run_planner.h"
 #include "support/files.h"
 
 namespace tarnbloom::cli {
@@ -26,7 +28,8 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kUsage =
-    std::string("Usage: tarnbloom enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n") +
+    std::string("Usage: tarnbloom enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n"
+                "       tarnbloom enlarge --recipe ID|NAME [--out DIR] FILE|FOLDER...\n") +
     kExportFlagsUsage +
     "  --out DIR            output folder (default: beside each source)\n"
     "  --if-exists number|skip|overwrite   when the name is taken (default number: \"name 2\")\n"
@@ -36,6 +39,8 @@ const std::string kUsage =
     "  --allow-8bit         confirm that 16-bit sources may be reduced to 8 bits for JPEG and\n"
     "                       WebP (without it such files are skipped)\n"
     "  --confirmation FILE  the crop confirmation `tarnbloom canvas preview` saved\n"
+    "  --recipe ID|NAME     export every output of a saved recipe for every file (--out\n"
+    "                       then overrides each output's destination)\n"
     "A FOLDER is preflighted: files that cannot work are set aside with the reason.\n";
 
 struct Options {
@@ -46,6 +51,7 @@ struct Options {
   bool recursive = false;
   bool allow8Bit = false;
   std::filesystem::path confirmation;  // --confirmation: a confirmed crop
+  std::optional<std::string> recipe;   // --recipe ID|NAME
   std::vector<std::filesystem::path> files;
 };
 
@@ -81,44 +87,25 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.allow8Bit = true;
     } else if (a == "--confirmation") {
       options.confirmation = next();
+    } else if (a == "--recipe") {
+      options.recipe = next();
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("Unknown option “" + a + "”.");
     } else {
       options.files.emplace_back(a);
     }
   }
-  if (!options.flags.haveSize) throw UsageError("Choose a size with --size.");
+  if (options.recipe && options.flags.touched)
+    throw UsageError(
+        "With --recipe the recipe says how files are exported: only --out, --if-exists, "
+        "--receipts, --recursive and --allow-8bit go with it.");
+  if (!options.recipe && !options.flags.haveSize) throw UsageError("Choose a size with --size.");
   if (options.files.empty()) throw UsageError("Name at least one file or folder to enlarge.");
   options.flags.finish();
   if (!options.confirmation.empty() &&
       !(options.flags.canvas && options.flags.canvas->mode == canvas::CanvasMode::crop))
     throw UsageError("--confirmation confirms a crop: give it with --canvas and --crop.");
   return options;
-}
-
-// File-manager order: digit runs compare as numbers, so "photo 2" comes
-// before "photo 10".
-bool naturalLess(const fs::path& a, const fs::path& b) {
-  const std::string x = a.string(), y = b.string();
-  size_t i = 0, j = 0;
-  while (i < x.size() && j < y.size()) {
-    if (std::isdigit(static_cast<unsigned char>(x[i])) &&
-        std::isdigit(static_cast<unsigned char>(y[j]))) {
-      size_t i2 = i, j2 = j;
-      while (i2 < x.size() && x[i2] == '0') ++i2;
-      while (j2 < y.size() && y[j2] == '0') ++j2;
-      size_t i3 = i2, j3 = j2;
-      while (i3 < x.size() && std::isdigit(static_cast<unsigned char>(x[i3]))) ++i3;
-      while (j3 < y.size() && std::isdigit(static_cast<unsigned char>(y[j3]))) ++j3;
-      if (i3 - i2 != j3 - j2) return i3 - i2 < j3 - j2;
-      if (const int c = x.compare(i2, i3 - i2, y, j2, j3 - j2); c != 0) return c < 0;
-      i = i3, j = j3;
-      continue;
-    }
-    if (x[i] != y[j]) return static_cast<unsigned char>(x[i]) < static_cast<unsigned char>(y[j]);
-    ++i, ++j;
-  }
-  return x.size() - i < y.size() - j || (x.size() - i == y.size() - j && x < y);
 }
 
 // The files to enlarge: each file argument as given, and what the folder
@@ -130,10 +117,14 @@ struct Inputs {
   std::set<fs::path> walked;  // found in folders: preflight refuses what cannot work
 };
 
-Inputs expandInputs(const Options& options) {
+Inputs expandInputs(const Options& options, const std::optional<recipes::RecipeDraft>& recipe) {
   Inputs inputs;
   std::vector<fs::path> destinations;
-  if (!options.out.empty()) destinations.push_back(options.out);
+  if (!options.out.empty()) destinations.push_back(fs::absolute(options.out));
+  // A recipe's own destinations are never walked either.
+  if (recipe && options.out.empty())
+    for (const auto& output : recipe->outputs)
+      if (output.destination) destinations.emplace_back(*output.destination);
   for (const auto& argument : options.files) {
     std::error_code error;
     if (!fs::is_directory(argument, error)) {
@@ -147,8 +138,7 @@ Inputs expandInputs(const Options& options) {
     const auto walk =
         recipes::FolderBatchWalker::walkDetailed(argument, options.recursive, destinations);
     for (const auto& problem : walk.problems) std::cerr << problem.message << '\n';
-    std::vector<fs::path> found = walk.files;
-    std::sort(found.begin(), found.end(), naturalLess);
+    const std::vector<fs::path>& found = walk.files;
     if (found.empty() && walk.problems.empty()) {
       bool hasFolders = false;
       for (fs::directory_iterator it(argument, error), end; !error && it != end;
@@ -208,9 +198,18 @@ int runEnlarge(const std::vector<std::string>& arguments) {
       return kExitUsage;
     }
   }
+  std::optional<recipes::RecipeDraft> recipe;
+  if (options.recipe) {
+    try {
+      recipe = findRecipe(*options.recipe);
+    } catch (const Error& error) {
+      std::cerr << "tarnbloom enlarge: " << error.description() << '\n';
+      return kExitUsage;
+    }
+  }
   Inputs inputs;
   try {
-    inputs = expandInputs(options);
+    inputs = expandInputs(options, recipe);
   } catch (const UsageError& error) {
     std::cerr << "tarnbloom enlarge: " << error.what() << '\n';
     return kExitUsage;
@@ -248,37 +247,59 @@ int runEnlarge(const std::vector<std::string>& arguments) {
   session->recover(false);
 
   // The plan: each file's size and output name fixed before the run, so
-  // names stay stable if the run is interrupted and resumed.
-  exporting::JobDescription description;
-  description.options = exportOptions;
-  description.receiptsBesideExports = options.receiptsBeside;
-  description.confirmed16BitReduction = options.allow8Bit;
-  description.collision = options.ifExists;
-  exporting::DestinationRule destination;
-  if (!options.out.empty()) destination.folder = options.out;
-  exporting::ExportPlanner planner(description, options.flags.templateOrDefault(), destination);
-  planner.reserve(session->controller().reservedOutputs());
-  planner.refuseUnreadable([&](const fs::path& file) { return inputs.walked.contains(file); });
-  exporting::ExportPlan plan = planner.plan(inputs.files);
-
-  if (options.flags.maxBytes)
-    for (const auto& item : plan.items)
-      if (const auto format = exportOptions.resolvedFormat(item.url);
-          format != encoding::ExportFormat::jpeg)
-        std::cerr << item.url.filename().string() << ": --max-kb applies to JPEG only; "
-                  << encoding::title(format) << " is written without a ceiling.\n";
-  int skipped = 0, failed = 0;
-  for (const auto& refusal : plan.refusals) {
-    std::cout << refusal.source.filename().string() << ": " << refusal.text << '\n';
-    // A folder's other files (notes, sidecars) are set aside, not failures.
-    const bool notAPhoto =
-        refusal.preflight && refusal.preflight->cause == exporting::PreflightCause::notAnImage;
-    ++(refusal.kind == exporting::PlanRefusal::Kind::skipped || notAPhoto ? skipped : failed);
+  // names stay stable if the run is interrupted and resumed. A recipe plans
+  // one job per output.
+  const auto walked = [&](const fs::path& file) { return inputs.walked.contains(file); };
+  std::vector<std::pair<std::string, exporting::ExportPlan>> units;
+  if (recipe) {
+    recipes::RecipeRunSettings settings;
+    if (!options.out.empty()) settings.destinationOverride = fs::absolute(options.out);
+    settings.collision = options.ifExists;
+    settings.receiptsBesideExports = options.receiptsBeside;
+    settings.confirmed16BitReduction = options.allow8Bit;
+    settings.reserved = session->controller().reservedOutputs();
+    settings.refuseUnreadable = walked;
+    try {
+      for (auto& unit : recipes::RecipeRunPlanner::plan(*recipe, inputs.files, settings))
+        units.emplace_back(recipe->outputs.size() > 1 ? unit.summary + ": " : "",
+                           std::move(unit.plan));
+    } catch (const recipes::BatchCanvasRefusal& refusal) {
+      std::cerr << "tarnbloom enlarge: " << refusal.title() << '\n' << refusal.description() << '\n';
+      return kExitUsage;
+    }
+  } else {
+    exporting::JobDescription description;
+    description.options = exportOptions;
+    description.receiptsBesideExports = options.receiptsBeside;
+    description.confirmed16BitReduction = options.allow8Bit;
+    description.collision = options.ifExists;
+    exporting::DestinationRule destination;
+    if (!options.out.empty()) destination.folder = options.out;
+    exporting::ExportPlanner planner(description, options.flags.templateOrDefault(), destination);
+    planner.reserve(session->controller().reservedOutputs());
+    planner.refuseUnreadable(walked);
+    units.emplace_back("", planner.plan(inputs.files));
   }
-  if (options.out.empty()) session->saveBesideOriginals();
-  session->countSkippedBeforeRun(skipped);
-  session->countFailedBeforeRun(failed);
-  if (!plan.items.empty()) {
+
+  int skipped = 0, failed = 0;
+  bool besideOriginals = false;
+  for (auto& [label, plan] : units) {
+    if (plan.description.options.jpeg.maxBytes)
+      for (const auto& item : plan.items)
+        if (const auto format = plan.description.options.resolvedFormat(item.url);
+            format != encoding::ExportFormat::jpeg)
+          std::cerr << item.url.filename().string() << ": --max-kb applies to JPEG only; "
+                    << encoding::title(format) << " is written without a ceiling.\n";
+    for (const auto& refusal : plan.refusals) {
+      std::cout << label << refusal.source.filename().string() << ": " << refusal.text << '\n';
+      // A folder's other files (notes, sidecars) are set aside, not failures.
+      const bool notAPhoto =
+          refusal.preflight && refusal.preflight->cause == exporting::PreflightCause::notAnImage;
+      ++(refusal.kind == exporting::PlanRefusal::Kind::skipped || notAPhoto ? skipped : failed);
+    }
+    for (const auto& item : plan.items)
+      besideOriginals = besideOriginals || item.destination == item.url.parent_path();
+    if (plan.items.empty()) continue;
     try {
       session->controller().submit({plan.description, std::move(plan.items), {}, {}});
     } catch (const Error& error) {
@@ -286,6 +307,9 @@ int runEnlarge(const std::vector<std::string>& arguments) {
       return kExitFailure;
     }
   }
+  if (besideOriginals) session->saveBesideOriginals();
+  session->countSkippedBeforeRun(skipped);
+  session->countFailedBeforeRun(failed);
   return session->run();
 }
 

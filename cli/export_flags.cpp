@@ -164,6 +164,7 @@ bool ExportFlags::parse(const std::vector<std::string>& arguments, size_t& i) {
   } else {
     return false;
   }
+  touched = true;
   return true;
 }
 

@@ -31,6 +31,7 @@ struct ExportFlags {
   SizeMode sizeMode = SizeMode::x2;
   double sizeValue = 0, boxWidth = 0, boxHeight = 0;
   bool haveSize = false;
+  bool touched = false;  // any of these flags was given
   // None: the format that matches each source.
   std::optional<encoding::ExportFormat> format;
   std::optional<int> quality;

@@ -13,6 +13,7 @@
 #include "cli/info_command.h"
 #include "cli/preflight_command.h"
 #include "cli/queue_command.h"
+#include "cli/recipe_command.h"
 
 namespace {
 
@@ -33,6 +34,8 @@ constexpr const char* kUsage =
     "                          say what a folder batch would enlarge and set aside, exporting nothing\n"
     "  canvas preview FILE --size SIZE --canvas WxH --crop X,Y --out PREVIEW.png\n"
     "                          write a crop preview and the confirmation an export of it needs\n"
+    "  recipe list|show|import|export|delete|save ...\n"
+    "                          the saved recipes; run one with enlarge --recipe ID|NAME\n"
     "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
     "\n"
@@ -67,6 +70,7 @@ int main(int argc, char** argv) {
   if (command == "queue") return tarnbloom::cli::runQueue(arguments);
   if (command == "preflight") return tarnbloom::cli::runPreflight(arguments);
   if (command == "canvas") return tarnbloom::cli::runCanvas(arguments);
+  if (command == "recipe") return tarnbloom::cli::runRecipe(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;
 }

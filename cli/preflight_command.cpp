@@ -1,6 +1,8 @@
 #include "cli/preflight_command.h"
 
+#include <algorithm>
 #include <iostream>
+#include <sstream>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -8,7 +10,9 @@
 #include "cli/export_flags.h"
 #include "cli/help_option.h"
 #include "canvas/canvas_composer.h"
+#include "cli/recipe_command.h"
 #include "recipes/folder_batch_walker.h"
+#include "recipes/recipe_run_planner.h"
 #include "support/files.h"
 
 namespace tarnbloom::cli {
@@ -20,7 +24,8 @@ using exporting::PreflightCause;
 const std::string kUsage =
     std::string(
         "Usage: tarnbloom preflight FOLDER --out DEST [--recursive] --size SIZE [OPTIONS]\n"
-        "       [--exclusions FILE] [--json]\n"
+        "       tarnbloom preflight FOLDER --out DEST [--recursive] --recipe ID|NAME\n"
+        "       ... [--exclusions FILE] [--json]\n"
         "Says which files of FOLDER a batch into DEST would enlarge, under which names, and\n"
         "which it would set aside and why. Nothing is exported.\n") +
     kExportFlagsUsage +
@@ -31,6 +36,7 @@ const std::string kUsage =
 
 struct Options {
   ExportFlags flags;
+  std::optional<std::string> recipe;
   fs::path folder, out, exclusions;
   bool recursive = false, json = false, allow8Bit = false;
 };
@@ -54,6 +60,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.json = true;
     else if (a == "--allow-8bit")
       options.allow8Bit = true;
+    else if (a == "--recipe")
+      options.recipe = next();
     else if (a.size() > 1 && a[0] == '-')
       throw UsageError("Unknown option “" + a + "”.");
     else if (options.folder.empty())
@@ -63,7 +71,9 @@ Options parseOptions(const std::vector<std::string>& arguments) {
   }
   if (options.folder.empty()) throw UsageError("Name the folder to preflight.");
   if (options.out.empty()) throw UsageError("Choose where the batch would go with --out.");
-  if (!options.flags.haveSize) throw UsageError("Choose a size with --size.");
+  if (options.recipe && options.flags.touched)
+    throw UsageError("With --recipe the recipe says how files are exported.");
+  if (!options.recipe && !options.flags.haveSize) throw UsageError("Choose a size with --size.");
   options.flags.finish();
   return options;
 }
@@ -117,7 +127,9 @@ void printLists(const Options& options, const recipes::FolderBatchWalker::WalkRe
   for (const auto& item : report.plan.items) {
     std::cout << "  " << item.url.filename().string();
     if (item.assignedOutput) std::cout << " → " << item.assignedOutput->filename().string();
-    if (item.plannedSize)
+    if (const auto& canvas = report.plan.description.options.canvas)
+      std::cout << " (" << canvas->width << " × " << canvas->height << ")";
+    else if (item.plannedSize)
       std::cout << " (" << item.plannedSize->first << " × " << item.plannedSize->second << ")";
     std::cout << '\n';
   }
@@ -165,36 +177,70 @@ int runPreflight(const std::vector<std::string>& arguments) {
     std::cerr << "tarnbloom preflight: " << *rejection << '\n';
     return kExitUsage;
   }
-  const auto decision = canvas::BatchCanvasPolicy::decide(options.flags.exportOptions().canvas);
-  if (!decision.allowed) {
-    std::cerr << "tarnbloom preflight: " << decision.title << '\n' << decision.explanation << '\n';
-    return kExitUsage;
-  }
   const auto walk = recipes::FolderBatchWalker::walkDetailed(options.folder, options.recursive,
                                                              {options.out});
-  exporting::JobDescription description;
-  description.options = options.flags.exportOptions();
-  description.confirmed16BitReduction = options.allow8Bit;
-  const exporting::ExportPlanner planner(description, options.flags.templateOrDefault(),
-                                         exporting::DestinationRule{options.out});
-  const recipes::PreflightReport report =
-      recipes::FolderBatchWalker::runPreflight(walk.files, planner);
+  // One report per output: a recipe's outputs each have their own size,
+  // format and names.
+  std::vector<std::pair<std::string, recipes::PreflightReport>> reports;
+  try {
+    if (options.recipe) {
+      recipes::RecipeRunSettings settings;
+      settings.destinationOverride = fs::absolute(options.out);
+      settings.confirmed16BitReduction = options.allow8Bit;
+      settings.refuseUnreadable = [](const fs::path&) { return true; };
+      const auto recipe = findRecipe(*options.recipe);
+      for (auto& unit : recipes::RecipeRunPlanner::plan(recipe, walk.files, settings))
+        reports.emplace_back(unit.summary, recipes::PreflightReport::of(std::move(unit.plan)));
+    } else {
+      const auto decision =
+          canvas::BatchCanvasPolicy::decide(options.flags.exportOptions().canvas);
+      if (!decision.allowed) throw recipes::BatchCanvasRefusal(decision.title, decision.explanation);
+      exporting::JobDescription description;
+      description.options = options.flags.exportOptions();
+      description.confirmed16BitReduction = options.allow8Bit;
+      const exporting::ExportPlanner planner(description, options.flags.templateOrDefault(),
+                                             exporting::DestinationRule{options.out});
+      reports.emplace_back("", recipes::FolderBatchWalker::runPreflight(walk.files, planner));
+    }
+  } catch (const Error& error) {
+    std::cerr << "tarnbloom preflight: " << error.description() << '\n';
+    return kExitUsage;
+  }
 
-  if (options.json)
-    std::cout << asJson(options, walk, report).dump() << '\n';
-  else
-    printLists(options, walk, report);
+  if (options.json) {
+    for (const auto& [summary, report] : reports) {
+      auto document = asJson(options, walk, report);
+      if (!summary.empty()) document["output"] = summary;
+      std::cout << document.dump() << '\n';
+    }
+  } else {
+    for (const auto& [summary, report] : reports) {
+      if (reports.size() > 1) std::cout << "Output: " << summary << '\n';
+      printLists(options, walk, report);
+    }
+  }
+  size_t passing = 0, excluded = 0;
+  // A file set aside by several outputs for the same reason is listed once.
+  std::vector<std::string> lines;
+  for (const auto& [summary, report] : reports) {
+    passing += report.plan.items.size();
+    excluded += report.excluded.size();
+    std::istringstream text(report.exclusionsExport());
+    for (std::string line; std::getline(text, line);)
+      if (std::find(lines.begin(), lines.end(), line) == lines.end()) lines.push_back(line);
+  }
+  if (lines.size() > 1) std::sort(lines.begin() + 1, lines.end());  // by path, header first
+  std::string exclusions;
+  for (const auto& line : lines) exclusions += line + '\n';
   if (!options.exclusions.empty()) {
     try {
-      writeFileAtomically(options.exclusions, report.exclusionsExport());
+      writeFileAtomically(options.exclusions, exclusions);
     } catch (const Error& error) {
       std::cerr << "tarnbloom preflight: " << error.description() << '\n';
       return kExitFailure;
     }
   }
-  if (!walk.problems.empty() && walk.files.empty()) return kExitFailure;
-  if (report.plan.items.empty()) return kExitFailure;
-  return report.excluded.empty() ? kExitSuccess : kExitPartial;
+  if (passing == 0) return kExitFailure;
+  return excluded == 0 ? kExitSuccess : kExitPartial;
 }
-
 }  // namespace tarnbloom::cli

@@ -222,6 +222,21 @@ std::string ExportController::submit(Submission submission) {
   if (job->agent && job->agent->replaceExisting)
     job->description.collision = CollisionPolicy::replace;
 
+  // Plans write nothing; the folders their outputs go to are made now, so
+  // the queue can record them. A folder that cannot be made refuses the
+  // job with the system's reason.
+  std::set<fs::path> folders;
+  for (const auto& item : submission.items) folders.insert(item.destination);
+  for (const auto& folder : folders) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) {
+      const FileError failure(folder, "create the folder", error.value());
+      if (job->agent && job->agent->onRejected) job->agent->onRejected(failure);
+      throw failure;
+    }
+  }
+
   std::vector<std::string> itemIDs;
   try {
     const PersistedExportJob& persisted = m_queue.enqueue(job->description, submission.items);

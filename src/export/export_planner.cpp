@@ -68,11 +68,14 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
     return planned.contains(path) || m_reserved.contains(path) || entryExists(path);
   };
   const ExportOptions& options = m_description.options;
+  // {index} numbers the sources that are photos at all, so it has no gaps
+  // for a folder's notes and sidecars and numbers a photo alike in every
+  // output of a recipe.
+  int64_t rows = 0;
   for (size_t i = 0; i < sources.size(); ++i) {
     PlannedItem item;
     item.url = fs::absolute(sources[i]).lexically_normal();
     item.destination = m_destination.folderFor(item.url);
-    item.batchIndex = static_cast<int64_t>(i) + 1;
     const auto refuse = [&](PlanRefusal::Kind kind, std::string text) {
       plan.refusals.push_back({item.url, kind, std::move(text)});
     };
@@ -86,15 +89,17 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
     naming.folder = item.destination;
     naming.format = options.resolvedFormat(item.url);
     naming.sourceWidth = probe.width;
-    naming.batchIndex = item.batchIndex;
     const SourceClassification classified =
         classifySource(probe, isReadable(item.url), options, naming.format,
                        m_description.confirmed16BitReduction);
+    const bool headerOnly =
+        classified.exception && (classified.exception->code == PreflightExceptionClass::unreadable ||
+                                 classified.exception->code ==
+                                     PreflightExceptionClass::unsupportedFormat);
+    const bool refused = headerOnly && m_refuseUnreadable && m_refuseUnreadable(item.url);
+    if (!refused) item.batchIndex = naming.batchIndex = ++rows;
     if (classified.exception) {
-      const bool headerOnly = classified.exception->code == PreflightExceptionClass::unreadable ||
-                              classified.exception->code ==
-                                  PreflightExceptionClass::unsupportedFormat;
-      if (headerOnly && !(m_refuseUnreadable && m_refuseUnreadable(item.url))) {
+      if (headerOnly && !refused) {
         plan.items.push_back(std::move(item));
       } else {
         refuse(PlanRefusal::Kind::failed, classified.exception->explanation);

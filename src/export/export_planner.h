@@ -13,11 +13,14 @@
 
 namespace tarnbloom::exporting {
 
-// Where a plan puts its outputs: one folder for all, or beside each source.
+// Where a plan puts its outputs: one folder for all, a folder inside each
+// source's own folder (`subfolder`, a relative path), or beside each source.
 struct DestinationRule {
   std::optional<std::filesystem::path> folder;
+  std::optional<std::filesystem::path> subfolder;
   std::filesystem::path folderFor(const std::filesystem::path& source) const {
-    return folder ? *folder : source.parent_path();
+    if (folder) return *folder;
+    return subfolder ? (source.parent_path() / *subfolder).lexically_normal() : source.parent_path();
   }
 };
 

@@ -35,6 +35,29 @@ FolderProblem unreadableFolder(const fs::path& folder, const std::error_code& er
 
 }  // namespace
 
+bool naturalLess(const fs::path& a, const fs::path& b) {
+  const std::string x = a.string(), y = b.string();
+  size_t i = 0, j = 0;
+  while (i < x.size() && j < y.size()) {
+    if (std::isdigit(static_cast<unsigned char>(x[i])) &&
+        std::isdigit(static_cast<unsigned char>(y[j]))) {
+      size_t i2 = i, j2 = j;
+      while (i2 < x.size() && x[i2] == '0') ++i2;
+      while (j2 < y.size() && y[j2] == '0') ++j2;
+      size_t i3 = i2, j3 = j2;
+      while (i3 < x.size() && std::isdigit(static_cast<unsigned char>(x[i3]))) ++i3;
+      while (j3 < y.size() && std::isdigit(static_cast<unsigned char>(y[j3]))) ++j3;
+      if (i3 - i2 != j3 - j2) return i3 - i2 < j3 - j2;
+      if (const int c = x.compare(i2, i3 - i2, y, j2, j3 - j2); c != 0) return c < 0;
+      i = i3, j = j3;
+      continue;
+    }
+    if (x[i] != y[j]) return static_cast<unsigned char>(x[i]) < static_cast<unsigned char>(y[j]);
+    ++i, ++j;
+  }
+  return x.size() - i < y.size() - j || (x.size() - i == y.size() - j && x < y);
+}
+
 std::optional<std::string> FolderBatchWalker::destinationRejection(const fs::path& input,
                                                                    const fs::path& destination) {
   const fs::path in = standardised(input), out = standardised(destination);
@@ -52,8 +75,17 @@ std::optional<std::string> FolderBatchWalker::destinationRejection(const fs::pat
 
 bool FolderBatchWalker::isExcluded(const fs::path& url, const std::vector<fs::path>& destinations) {
   const fs::path path = standardised(url);
-  return std::any_of(destinations.begin(), destinations.end(),
-                     [&](const fs::path& destination) { return isInside(path, standardised(destination)); });
+  return std::any_of(destinations.begin(), destinations.end(), [&](const fs::path& destination) {
+    if (destination.is_absolute()) return isInside(path, standardised(destination));
+    // A relative destination is a folder inside every source's folder (a
+    // recipe's "Enlarged"): anything under a folder of that name is output.
+    for (fs::path folder = path; folder.has_relative_path() && folder != folder.parent_path();
+         folder = folder.parent_path())
+      if (folder.filename() == destination.filename() &&
+          (folder.parent_path() / destination).lexically_normal() == folder)
+        return true;
+    return false;
+  });
 }
 
 FolderBatchWalker::WalkResult FolderBatchWalker::walkDetailed(
@@ -111,15 +143,19 @@ FolderBatchWalker::WalkResult FolderBatchWalker::walkDetailed(
     if (error) result.problems.push_back(unreadableFolder(input, error));
     for (; !error && it != end; it.increment(error)) consider(*it);
   }
-  std::sort(result.files.begin(), result.files.end());
+  std::sort(result.files.begin(), result.files.end(), naturalLess);
   return result;
 }
 
 PreflightReport FolderBatchWalker::runPreflight(const std::vector<fs::path>& files,
                                                 exporting::ExportPlanner planner) {
   planner.refuseUnreadable(true);
+  return PreflightReport::of(planner.plan(files));
+}
+
+PreflightReport PreflightReport::of(exporting::ExportPlan plan) {
   PreflightReport report;
-  report.plan = planner.plan(files);
+  report.plan = std::move(plan);
   for (auto& refusal : report.plan.refusals) {
     if (refusal.kind == exporting::PlanRefusal::Kind::skipped) {
       report.skipped.push_back(refusal);

@@ -27,6 +27,9 @@ struct PreflightReport {
   // Files left out because their name exists and the batch skips those.
   std::vector<exporting::PlanRefusal> skipped;
 
+  // The report of a plan made with unreadable sources refused.
+  static PreflightReport of(exporting::ExportPlan plan);
+
   std::vector<std::filesystem::path> passed() const;
   // "Possible name collision — a numbered copy will be used (…)" per file.
   std::vector<std::pair<std::filesystem::path, std::string>> collisionNotes() const;
@@ -35,12 +38,16 @@ struct PreflightReport {
   std::string exclusionsExport() const;
 };
 
+// File-manager order: digit runs compare as numbers, so "photo 2" comes
+// before "photo 10".
+bool naturalLess(const std::filesystem::path& a, const std::filesystem::path& b);
+
 // Walks an input folder for a batch that writes into `destinations`, never
 // reading its own output, and classifies every file it finds.
 class FolderBatchWalker {
  public:
   struct WalkResult {
-    std::vector<std::filesystem::path> files;  // regular files, sorted by path
+    std::vector<std::filesystem::path> files;  // regular files, in file-manager order
     std::vector<FolderProblem> problems;
     // Folders inside a destination, left out of their own batch.
     std::vector<FolderProblem> excludedFolders;
@@ -51,7 +58,8 @@ class FolderBatchWalker {
   // Why `destination` cannot take a batch of `input`, or none.
   static std::optional<std::string> destinationRejection(const std::filesystem::path& input,
                                                          const std::filesystem::path& destination);
-  // Whether `url` is one of `destinations` or lies inside one.
+  // Whether `url` is one of `destinations` or lies inside one. A relative
+  // destination stands for that folder inside every folder.
   static bool isExcluded(const std::filesystem::path& url,
                          const std::vector<std::filesystem::path>& destinations);
   // Plans `files` with `planner`, refusing every file that cannot work:
