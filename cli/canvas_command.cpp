@@ -86,8 +86,8 @@ int preview(const Options& options) {
       engine.exportImage({size.width, size.height}, exportOptions.method, srgb);
   canvas::ComposeTarget target;
   target.colourSpace = codec::ColourSpace::forFrame({}, false);
-  const auto applied =
-      canvas::CanvasComposer::apply(context.canvas, std::move(image), confirmation, context, target);
+  const auto applied = canvas::CanvasComposer::apply(context.canvas, std::move(image), confirmation,
+                                                     context, target);
 
   const std::vector<uint8_t> png = encoding::encodePNG(applied.image, {});
   writeFileAtomically(options.out, std::as_bytes(std::span(png)));
@@ -122,7 +122,8 @@ int runCanvas(const std::vector<std::string>& arguments) {
     std::cerr << "tarnbloom canvas: " << error.description();
     if (const auto hint = error.recoverySuggestion(); !hint.empty()) std::cerr << ' ' << hint;
     std::cerr << '\n';
-    if (const auto details = error.details(); !details.empty()) std::cerr << "  " << details << '\n';
+    if (const auto details = error.details(); !details.empty())
+      std::cerr << "  " << details << '\n';
     return kExitFailure;
   }
 }

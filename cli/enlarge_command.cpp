@@ -6,6 +6,8 @@
 #include <optional>
 #include <set>
 
+#include "canvas/canvas_composer.h"
+#include "canvas/canvas_json.h"
 #include "cli/exit_codes.h"
 #include "cli/export_flags.h"
 #include "cli/export_session.h"
@@ -16,8 +18,6 @@
 #include "encoding/naming_engine.h"
 #include "export/export_options.h"
 #include "export/export_planner.h"
-#include "canvas/canvas_composer.h"
-#include "canvas/canvas_json.h"
 #include "recipes/folder_batch_walker.h"
 #include "recipes/recipe_run_planner.h"
 #include "support/files.h"
@@ -28,8 +28,9 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string kUsage =
-    std::string("Usage: tarnbloom enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n"
-                "       tarnbloom enlarge --recipe ID|NAME [--out DIR] FILE|FOLDER...\n") +
+    std::string(
+        "Usage: tarnbloom enlarge --size SIZE [OPTIONS] FILE|FOLDER...\n"
+        "       tarnbloom enlarge --recipe ID|NAME [--out DIR] FILE|FOLDER...\n") +
     kExportFlagsUsage +
     "  --out DIR            output folder (default: beside each source)\n"
     "  --if-exists number|skip|overwrite   when the name is taken (default number: \"name 2\")\n"
@@ -145,8 +146,9 @@ Inputs expandInputs(const Options& options, const std::optional<recipes::RecipeD
            it.increment(error))
         hasFolders = hasFolders || it->is_directory(error);
       std::cerr << "“" << argument.string() << "” holds no files"
-                << (hasFolders && !options.recursive ? " (add --recursive to look inside its folders)"
-                                                    : "")
+                << (hasFolders && !options.recursive
+                        ? " (add --recursive to look inside its folders)"
+                        : "")
                 << ".\n";
     }
     for (const auto& file : found) inputs.walked.insert(fs::absolute(file).lexically_normal());
@@ -165,13 +167,14 @@ canvas::CanvasConfirmation readConfirmation(const fs::path& file) {
   } catch (const Error& error) {
     throw UsageError(error.description());
   }
-  const auto json = nlohmann::json::parse(reinterpret_cast<const char*>(bytes.data()),
-                                          reinterpret_cast<const char*>(bytes.data() + bytes.size()),
-                                          nullptr, false);
+  const auto json = nlohmann::json::parse(
+      reinterpret_cast<const char*>(bytes.data()),
+      reinterpret_cast<const char*>(bytes.data() + bytes.size()), nullptr, false);
   const auto confirmation = canvas::confirmationFromJson(json);
   if (!confirmation)
-    throw UsageError(name + " is not a crop confirmation Tarnbloom can read. Preview the crop "
-                            "again with “tarnbloom canvas preview”.");
+    throw UsageError(name +
+                     " is not a crop confirmation Tarnbloom can read. Preview the crop "
+                     "again with “tarnbloom canvas preview”.");
   return *confirmation;
 }
 
@@ -264,7 +267,8 @@ int runEnlarge(const std::vector<std::string>& arguments) {
         units.emplace_back(recipe->outputs.size() > 1 ? unit.summary + ": " : "",
                            std::move(unit.plan));
     } catch (const recipes::BatchCanvasRefusal& refusal) {
-      std::cerr << "tarnbloom enlarge: " << refusal.title() << '\n' << refusal.description() << '\n';
+      std::cerr << "tarnbloom enlarge: " << refusal.title() << '\n'
+                << refusal.description() << '\n';
       return kExitUsage;
     }
   } else {

@@ -156,8 +156,9 @@ bool ExportFlags::parse(const std::vector<std::string>& arguments, size_t& i) {
     const double x = comma == std::string::npos ? -1 : parseNumber(v.substr(0, comma), "--crop");
     const double y = comma == std::string::npos ? -1 : parseNumber(v.substr(comma + 1), "--crop");
     if (x < 0 || y < 0 || x != std::floor(x) || y != std::floor(y) || x > 1e9 || y > 1e9)
-      throw UsageError("A crop is written --crop X,Y: the crop's top left corner in pixels of "
-                       "the enlargement.");
+      throw UsageError(
+          "A crop is written --crop X,Y: the crop's top left corner in pixels of "
+          "the enlargement.");
     if (!flags.canvas) flags.canvas = canvas::Canvas{};
     flags.canvas->mode = canvas::CanvasMode::crop;
     flags.canvas->cropRect = canvas::CropRect{static_cast<int64_t>(x), static_cast<int64_t>(y)};

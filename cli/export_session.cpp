@@ -144,8 +144,7 @@ void ExportSession::onItemFinished(const Job& job, const Result& result) {
         std::cerr << "timings:";
         for (const char* stage : {"load", "linearise", "render", "encode"})
           if (const auto found = result.timings.find(stage); found != result.timings.end())
-            std::cerr << "  " << stage << ' ' << std::to_string(found->second).substr(0, 5)
-                      << " s";
+            std::cerr << "  " << stage << ' ' << std::to_string(found->second).substr(0, 5) << " s";
         std::cerr << '\n';
       }
       break;
@@ -211,7 +210,8 @@ void ExportSession::onJobFinished(const Job& job, const JobReport& report,
   if (floorHits == 1)
     std::cout << "1 file reached the minimum JPEG quality without meeting its target file size.\n";
   if (floorHits == 1 && report.results.size() == 1)
-    std::cout << "\nReached the minimum JPEG quality (Q" << report.results[0].jpegQuality.value_or(0)
+    std::cout << "\nReached the minimum JPEG quality (Q"
+              << report.results[0].jpegQuality.value_or(0)
               << ") without meeting the target file size.\n";
   else if (floorHits > 1)
     std::cout

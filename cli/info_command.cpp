@@ -1,9 +1,8 @@
 #include "cli/info_command.h"
 
 #include <iostream>
-#include <optional>
-
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "cli/exit_codes.h"
 #include "cli/help_option.h"

@@ -2,14 +2,14 @@
 
 #include <algorithm>
 #include <iostream>
-#include <sstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
+#include "canvas/canvas_composer.h"
 #include "cli/exit_codes.h"
 #include "cli/export_flags.h"
 #include "cli/help_option.h"
-#include "canvas/canvas_composer.h"
 #include "cli/recipe_command.h"
 #include "recipes/folder_batch_walker.h"
 #include "recipes/recipe_run_planner.h"
@@ -177,8 +177,8 @@ int runPreflight(const std::vector<std::string>& arguments) {
     std::cerr << "tarnbloom preflight: " << *rejection << '\n';
     return kExitUsage;
   }
-  const auto walk = recipes::FolderBatchWalker::walkDetailed(options.folder, options.recursive,
-                                                             {options.out});
+  const auto walk =
+      recipes::FolderBatchWalker::walkDetailed(options.folder, options.recursive, {options.out});
   // One report per output: a recipe's outputs each have their own size,
   // format and names.
   std::vector<std::pair<std::string, recipes::PreflightReport>> reports;
@@ -192,9 +192,9 @@ int runPreflight(const std::vector<std::string>& arguments) {
       for (auto& unit : recipes::RecipeRunPlanner::plan(recipe, walk.files, settings))
         reports.emplace_back(unit.summary, recipes::PreflightReport::of(std::move(unit.plan)));
     } else {
-      const auto decision =
-          canvas::BatchCanvasPolicy::decide(options.flags.exportOptions().canvas);
-      if (!decision.allowed) throw recipes::BatchCanvasRefusal(decision.title, decision.explanation);
+      const auto decision = canvas::BatchCanvasPolicy::decide(options.flags.exportOptions().canvas);
+      if (!decision.allowed)
+        throw recipes::BatchCanvasRefusal(decision.title, decision.explanation);
       exporting::JobDescription description;
       description.options = options.flags.exportOptions();
       description.confirmed16BitReduction = options.allow8Bit;

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "cli/exit_codes.h"
-#include "cli/help_option.h"
 #include "cli/export_session.h"
+#include "cli/help_option.h"
 #include "export/file_bookmark.h"
 
 namespace tarnbloom::cli {

@@ -108,8 +108,8 @@ std::optional<CanvasConfirmation> confirmationFromJson(const nlohmann::json& jso
     if (!centre->is_array() || centre->size() != 2 || !(*centre)[0].is_number() ||
         !(*centre)[1].is_number())
       return std::nullopt;
-    confirmation.subjectCentre = CanvasConfirmation::Point{(*centre)[0].get<double>(),
-                                                           (*centre)[1].get<double>()};
+    confirmation.subjectCentre =
+        CanvasConfirmation::Point{(*centre)[0].get<double>(), (*centre)[1].get<double>()};
   }
   return confirmation;
 }

@@ -504,7 +504,7 @@ void ExportController::reserveOutput(ItemRun& run) {
     };
     if (item.assignedOutput) {
       run.output = ExportPlanner::reclaim(*item.assignedOutput, item.url,
-                                         job.description.replaceExisting(), taken);
+                                          job.description.replaceExisting(), taken);
     } else {
       const OutputNaming naming{item.url,        item.destination, run.size.width, run.size.height,
                                 run.sourceWidth, run.format,       item.batchIndex};
@@ -516,8 +516,7 @@ void ExportController::reserveOutput(ItemRun& run) {
     record.jobID = job.id;
     record.itemID = item.id;
     record.sourcePath = item.url.string();
-    record.plannedAt =
-        std::chrono::duration<double>(m_context.clock().time_since_epoch()).count();
+    record.plannedAt = std::chrono::duration<double>(m_context.clock().time_since_epoch()).count();
     record.intendedOutputPath = run.output.string();
     record.stagedPath = ExportOperationLedger::stagedURL(run.output, record.operationID).string();
     record.stagedReceiptPath =
@@ -608,14 +607,17 @@ void ExportController::publish(ItemRun& run) {
     inputs.operationID = record.operationID;
     if (job.options().method == ResampleMethod::estimate && m_context.estimates) {
       EstimateEngine& engine = *m_context.estimates;
-      inputs.estimate = EstimateProvenance{
-          EstimateEngine::modelName,    EstimateEngine::modelVersion,
-          engine.artifactDigest(),      EstimateEngine::tilingText(),
-          EstimateEngine::computeUnits, EstimateEngine::clampStrength(job.options().estimateStrength),
-          engine.precisionText()};
+      inputs.estimate =
+          EstimateProvenance{EstimateEngine::modelName,
+                             EstimateEngine::modelVersion,
+                             engine.artifactDigest(),
+                             EstimateEngine::tilingText(),
+                             EstimateEngine::computeUnits,
+                             EstimateEngine::clampStrength(job.options().estimateStrength),
+                             engine.precisionText()};
     }
-    const auto document = Receipt::build(m_context.appVersion, m_context.appBuild,
-                                         m_context.clock(), inputs);
+    const auto document =
+        Receipt::build(m_context.appVersion, m_context.appBuild, m_context.clock(), inputs);
     // The source must still be what was rendered, and never the destination.
     ResampleEngine::validateDestination(output, run.facts);
     // A receipt that cannot be written at all (its folder unusable) does
@@ -721,7 +723,8 @@ void ExportController::settle(ItemRun& run) {
       break;
     case ItemEnding::failed:
     case ItemEnding::skipped:
-      result.kind = *run.ending == ItemEnding::failed ? Result::Kind::failed : Result::Kind::skipped;
+      result.kind =
+          *run.ending == ItemEnding::failed ? Result::Kind::failed : Result::Kind::skipped;
       mark(ExportQueueItemState::failed, std::nullopt, result.errorText);
       break;
     case ItemEnding::stopped:

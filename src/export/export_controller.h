@@ -55,8 +55,8 @@ struct Drained {};
 }  // namespace events
 
 using ExportEvent =
-    std::variant<events::JobQueued, events::ItemStarted, events::ItemProgress,
-                 events::ItemFinished, events::StopRequested, events::JobFinished, events::Drained>;
+    std::variant<events::JobQueued, events::ItemStarted, events::ItemProgress, events::ItemFinished,
+                 events::StopRequested, events::JobFinished, events::Drained>;
 
 // Platform operations an export goes through; tests replace them to
 // provoke faults they cannot otherwise cause.
@@ -81,11 +81,11 @@ enum class ItemEnding {
   exported,          // published, its record "published"
   alreadyPublished,  // an earlier attempt's file stands under its reserved name
   failed,
-  skipped,       // an unconfirmed 16-bit reduction
-  stopped,       // a stop between steps
-  heldByHalt,    // the job halted before this item wrote anything
-  unrecorded,    // published, but its record could not be advanced: halts
-  interrupted,   // a simulated crash: no bookkeeping at all
+  skipped,      // an unconfirmed 16-bit reduction
+  stopped,      // a stop between steps
+  heldByHalt,   // the job halted before this item wrote anything
+  unrecorded,   // published, but its record could not be advanced: halts
+  interrupted,  // a simulated crash: no bookkeeping at all
 };
 
 // The single owner of running exports: a first-in, first-out queue of

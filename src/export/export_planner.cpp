@@ -89,13 +89,12 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
     naming.folder = item.destination;
     naming.format = options.resolvedFormat(item.url);
     naming.sourceWidth = probe.width;
-    const SourceClassification classified =
-        classifySource(probe, isReadable(item.url), options, naming.format,
-                       m_description.confirmed16BitReduction);
+    const SourceClassification classified = classifySource(
+        probe, isReadable(item.url), options, naming.format, m_description.confirmed16BitReduction);
     const bool headerOnly =
-        classified.exception && (classified.exception->code == PreflightExceptionClass::unreadable ||
-                                 classified.exception->code ==
-                                     PreflightExceptionClass::unsupportedFormat);
+        classified.exception &&
+        (classified.exception->code == PreflightExceptionClass::unreadable ||
+         classified.exception->code == PreflightExceptionClass::unsupportedFormat);
     const bool refused = headerOnly && m_refuseUnreadable && m_refuseUnreadable(item.url);
     if (!refused) item.batchIndex = naming.batchIndex = ++rows;
     if (classified.exception) {
@@ -114,8 +113,8 @@ ExportPlan ExportPlanner::plan(const std::vector<fs::path>& sources) const {
     if (const auto& canvas = options.canvas) {
       try {
         if (canvas->mode == canvas::CanvasMode::exact)
-          canvas::CanvasComposer::resolveExactPlacement(naming.width, naming.height,
-                                                        canvas->width, canvas->height);
+          canvas::CanvasComposer::resolveExactPlacement(naming.width, naming.height, canvas->width,
+                                                        canvas->height);
       } catch (const canvas::CanvasError& error) {
         refuse(PlanRefusal::Kind::failed, error.description() + " " + error.recoverySuggestion());
         continue;

@@ -20,7 +20,8 @@ struct DestinationRule {
   std::optional<std::filesystem::path> subfolder;
   std::filesystem::path folderFor(const std::filesystem::path& source) const {
     if (folder) return *folder;
-    return subfolder ? (source.parent_path() / *subfolder).lexically_normal() : source.parent_path();
+    return subfolder ? (source.parent_path() / *subfolder).lexically_normal()
+                     : source.parent_path();
   }
 };
 

@@ -124,8 +124,7 @@ PersistedExportJob decodeJob(const json& object) {
   job.folderSKU = optional<std::string>(object, "folderSKU");
   job.folderDate = optional<std::string>(object, "folderDate");
   job.replaceExisting = optional<bool>(object, "replaceExisting").value_or(false);
-  job.confirmed16BitReduction =
-      optional<bool>(object, "confirmed16BitReduction").value_or(false);
+  job.confirmed16BitReduction = optional<bool>(object, "confirmed16BitReduction").value_or(false);
   job.receiptsBesideExports = optional<bool>(object, "receiptsBesideExports");
   job.created = optional<std::string>(object, "created");
   if (const auto canvas = object.find("canvas"); canvas != object.end() && !canvas->is_null()) {
@@ -463,10 +462,10 @@ std::vector<std::string> ExportQueueStore::jobsHolding(
   return jobs;
 }
 
-const PersistedExportJob* ExportQueueStore::detachForRetry(const std::string& jobID,
-                                                           const std::vector<std::string>& itemIDs) {
-  const auto source = std::find_if(m_jobs.begin(), m_jobs.end(),
-                                   [&](const auto& job) { return job.id == jobID; });
+const PersistedExportJob* ExportQueueStore::detachForRetry(
+    const std::string& jobID, const std::vector<std::string>& itemIDs) {
+  const auto source =
+      std::find_if(m_jobs.begin(), m_jobs.end(), [&](const auto& job) { return job.id == jobID; });
   if (source == m_jobs.end()) return nullptr;
   const std::set<std::string> wanted(itemIDs.begin(), itemIDs.end());
   const auto retryable = [&](const PersistedExportItem& item) {

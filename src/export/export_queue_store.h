@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <set>
-#include <span>
 #include <map>
 #include <optional>
+#include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>

@@ -4,10 +4,10 @@
 #include <cmath>
 
 #include "encoding/image_writer.h"
-#include "engine/colour_conversion.h"
 #include "encoding/jpeg_encoder.h"
 #include "encoding/output_metadata.h"
 #include "encoding/webp_encoder.h"
+#include "engine/colour_conversion.h"
 
 namespace tarnbloom::exporting {
 
@@ -57,12 +57,11 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
   output.sixteenBit = source.bitsPerComponent == 16 && encoding::supports16Bit(format);
   const auto flattenSRGB = encoding::ColourPolicy::resolveFlattenColourSRGB(policy.flatten);
   if (!encoding::supportsAlpha(format) && source.hasAlpha)
-    output.flatten = std::array<float, 3>{linearFromSRGB(flattenSRGB[0]),
-                                          linearFromSRGB(flattenSRGB[1]),
-                                          linearFromSRGB(flattenSRGB[2])};
-  const encoding::OutputMetadata metadata =
-      encoding::OutputMetadata::resolve(source, policy, claims, static_cast<int>(result.width),
-                                        static_cast<int>(result.height));
+    output.flatten =
+        std::array<float, 3>{linearFromSRGB(flattenSRGB[0]), linearFromSRGB(flattenSRGB[1]),
+                             linearFromSRGB(flattenSRGB[2])};
+  const encoding::OutputMetadata metadata = encoding::OutputMetadata::resolve(
+      source, policy, claims, static_cast<int>(result.width), static_cast<int>(result.height));
   result.metadataDropped = metadata.dropped;
   canvas::CanvasPreviewContext context;
   canvas::ComposeTarget target;

@@ -37,52 +37,72 @@ int64_t smallestAllowed(const ExportOptions& options, int64_t width, int64_t hei
 
 std::string_view rawValue(PreflightExceptionClass code) {
   switch (code) {
-    case PreflightExceptionClass::unsupportedFormat: return "UNSUPPORTED_FORMAT";
-    case PreflightExceptionClass::smallerThanTarget: return "SMALLER_THAN_TARGET";
-    case PreflightExceptionClass::overCodecLimit: return "OVER_CODEC_LIMIT";
-    case PreflightExceptionClass::unreadable: return "UNREADABLE";
-    case PreflightExceptionClass::nameCollision: return "NAME_COLLISION";
+    case PreflightExceptionClass::unsupportedFormat:
+      return "UNSUPPORTED_FORMAT";
+    case PreflightExceptionClass::smallerThanTarget:
+      return "SMALLER_THAN_TARGET";
+    case PreflightExceptionClass::overCodecLimit:
+      return "OVER_CODEC_LIMIT";
+    case PreflightExceptionClass::unreadable:
+      return "UNREADABLE";
+    case PreflightExceptionClass::nameCollision:
+      return "NAME_COLLISION";
   }
   return "UNREADABLE";
 }
 
 std::string_view rawValue(PreflightCause cause) {
   switch (cause) {
-    case PreflightCause::notAnImage: return "notAnImage";
-    case PreflightCause::unreadable: return "unreadable";
-    case PreflightCause::targetSmallerThanSource: return "targetSmallerThanSource";
-    case PreflightCause::codecLimit: return "codecLimit";
-    case PreflightCause::memoryLimit: return "memoryLimit";
-    case PreflightCause::dimensionLimit: return "dimensionLimit";
-    case PreflightCause::folderUnreadable: return "folderUnreadable";
+    case PreflightCause::notAnImage:
+      return "notAnImage";
+    case PreflightCause::unreadable:
+      return "unreadable";
+    case PreflightCause::targetSmallerThanSource:
+      return "targetSmallerThanSource";
+    case PreflightCause::codecLimit:
+      return "codecLimit";
+    case PreflightCause::memoryLimit:
+      return "memoryLimit";
+    case PreflightCause::dimensionLimit:
+      return "dimensionLimit";
+    case PreflightCause::folderUnreadable:
+      return "folderUnreadable";
   }
   return "unreadable";
 }
 
 std::string_view groupLabel(PreflightCause cause) {
   switch (cause) {
-    case PreflightCause::notAnImage: return "Not a supported image";
-    case PreflightCause::unreadable: return "Could not be read";
-    case PreflightCause::targetSmallerThanSource: return "Target smaller than the source";
-    case PreflightCause::codecLimit: return "Over the format's size limit";
-    case PreflightCause::memoryLimit: return "Too large for this batch";
-    case PreflightCause::dimensionLimit: return "Over the pixel limit";
-    case PreflightCause::folderUnreadable: return "Folder could not be read";
+    case PreflightCause::notAnImage:
+      return "Not a supported image";
+    case PreflightCause::unreadable:
+      return "Could not be read";
+    case PreflightCause::targetSmallerThanSource:
+      return "Target smaller than the source";
+    case PreflightCause::codecLimit:
+      return "Over the format's size limit";
+    case PreflightCause::memoryLimit:
+      return "Too large for this batch";
+    case PreflightCause::dimensionLimit:
+      return "Over the pixel limit";
+    case PreflightCause::folderUnreadable:
+      return "Folder could not be read";
   }
   return "Could not be read";
 }
 
 SourceClassification classifySource(const SourceProbe& probe, bool accessible,
-                                     const ExportOptions& options, encoding::ExportFormat format,
-                                     bool explicit8Bit) {
+                                    const ExportOptions& options, encoding::ExportFormat format,
+                                    bool explicit8Bit) {
   using Class = PreflightExceptionClass;
   using Cause = PreflightCause;
   SourceClassification result;
   const bool damaged = !probe.readable && (!probe.notAnImage || probe.knownContainer);
   if (!accessible || damaged) {
-    result.exception = exception(Class::unreadable, Cause::unreadable,
-                                 "This image could not be read. It may be damaged, or Tarnbloom may "
-                                 "not have access to it — choose the folder again.");
+    result.exception =
+        exception(Class::unreadable, Cause::unreadable,
+                  "This image could not be read. It may be damaged, or Tarnbloom may "
+                  "not have access to it — choose the folder again.");
     return result;
   }
   if (probe.notAnImage || probe.unsupportedType) {
@@ -99,17 +119,17 @@ SourceClassification classifySource(const SourceProbe& probe, bool accessible,
   }
   ResolvedSize size;
   try {
-    size = options.resolvedSize(probe.width, probe.height, explicit8Bit ? 8 : probe.bitDepth,
-                                format);
+    size =
+        options.resolvedSize(probe.width, probe.height, explicit8Bit ? 8 : probe.bitDepth, format);
   } catch (const DimensionError& error) {
     switch (error.errorCase()) {
       case DimensionError::Case::belowSource:
-        result.exception = exception(
-            Class::smallerThanTarget, Cause::targetSmallerThanSource,
-            "Target " + error.label() + " is smaller than this " +
-                sizeText(probe.width, probe.height) + " source. Choose at least " +
-                groupedNumber(smallestAllowed(options, probe.width, probe.height)) +
-                " px, or downscale it in your other tool — Tarnbloom only enlarges.");
+        result.exception =
+            exception(Class::smallerThanTarget, Cause::targetSmallerThanSource,
+                      "Target " + error.label() + " is smaller than this " +
+                          sizeText(probe.width, probe.height) + " source. Choose at least " +
+                          groupedNumber(smallestAllowed(options, probe.width, probe.height)) +
+                          " px, or downscale it in your other tool — Tarnbloom only enlarges.");
         break;
       case DimensionError::Case::exceedsPixelLimit:
         result.exception = exception(
@@ -120,9 +140,9 @@ SourceClassification classifySource(const SourceProbe& probe, bool accessible,
                 "format.");
         break;
       case DimensionError::Case::invalidValue:
-        result.exception =
-            exception(Class::unreadable, Cause::unreadable,
-                      "This image reports a size Tarnbloom cannot use (" + error.description() + ")");
+        result.exception = exception(
+            Class::unreadable, Cause::unreadable,
+            "This image reports a size Tarnbloom cannot use (" + error.description() + ")");
         break;
     }
     return result;
@@ -144,12 +164,12 @@ SourceClassification classifySource(const SourceProbe& probe, bool accessible,
   }
   if (exceedsMemoryAdmission(probe.width, probe.height, size.width, size.height, options.method,
                              format)) {
-    result.exception = exception(
-        Class::overCodecLimit, Cause::memoryLimit,
-        "Enlarging " + sizeText(probe.width, probe.height) + " to " +
-            sizeText(size.width, size.height) +
-            " needs more memory than this batch allows. Choose a smaller enlargement — a "
-            "different output format will not help.");
+    result.exception =
+        exception(Class::overCodecLimit, Cause::memoryLimit,
+                  "Enlarging " + sizeText(probe.width, probe.height) + " to " +
+                      sizeText(size.width, size.height) +
+                      " needs more memory than this batch allows. Choose a smaller enlargement — a "
+                      "different output format will not help.");
     return result;
   }
   result.size = size;

@@ -56,8 +56,8 @@ struct SourceClassification {
 // `accessible`: the file could be opened for reading (a probe of a file we
 // may not read says nothing about the file).
 SourceClassification classifySource(const SourceProbe& probe, bool accessible,
-                                     const ExportOptions& options, encoding::ExportFormat format,
-                                     bool explicit8Bit);
+                                    const ExportOptions& options, encoding::ExportFormat format,
+                                    bool explicit8Bit);
 
 // Working bytes of one render: the resampler's bytes per output pixel for
 // the method and scale, plus WebP's encoder scratch, times the output's

@@ -1,7 +1,5 @@
 #include "export/receipt.h"
 
-#include "canvas/canvas_json.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "canvas/canvas_json.h"
 #include "encoding/colour_policy.h"
 #include "engine/size_mode.h"
 #include "support/files.h"
@@ -280,8 +279,11 @@ nlohmann::ordered_json Receipt::build(const std::string& appVersion, const std::
     document["canvas"] = nullptr;
   }
   if (inputs.crop)
-    document["crop"] = {{"x", inputs.crop->x}, {"y", inputs.crop->y}, {"w", inputs.crop->w},
-                        {"h", inputs.crop->h}, {"confirmed", true}};
+    document["crop"] = {{"x", inputs.crop->x},
+                        {"y", inputs.crop->y},
+                        {"w", inputs.crop->w},
+                        {"h", inputs.crop->h},
+                        {"confirmed", true}};
   else
     document["crop"] = nullptr;
   document["masks"] = {{"resolved_mask_sha256", nullptr}};

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "canvas/canvas_composer.h"
 #include "encoding/export_format.h"
 #include "encoding/jpeg_encoder.h"
 #include "encoding/webp_encoder.h"
 #include "engine/resample_method.h"
-#include "canvas/canvas_composer.h"
 #include "export/export_options.h"
 #include "support/error.h"
 #include "support/iso_time.h"
@@ -99,8 +99,8 @@ struct Receipt {
   static std::string text(const nlohmann::ordered_json& document);
   // Whether the receipt at an output's place says that this very item
   // published the file that is there now.
-  static bool describesPublishedItem(const std::filesystem::path& output,
-                                     const std::string& itemID, const ReceiptLocation& location);
+  static bool describesPublishedItem(const std::filesystem::path& output, const std::string& itemID,
+                                     const ReceiptLocation& location);
   // The output hash a receipt records, or none when it holds none.
   static std::optional<std::string> outputSHA256(const nlohmann::json& document);
   // Hex SHA-256 of a file, or none when it cannot be read.

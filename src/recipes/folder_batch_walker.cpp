@@ -23,7 +23,8 @@ bool isInside(const fs::path& path, const fs::path& folder) {
 }
 
 std::string named(const fs::path& folder) {
-  const fs::path name = folder.filename().empty() ? folder.parent_path().filename() : folder.filename();
+  const fs::path name =
+      folder.filename().empty() ? folder.parent_path().filename() : folder.filename();
   return "“" + name.string() + "”";
 }
 
@@ -94,7 +95,8 @@ FolderBatchWalker::WalkResult FolderBatchWalker::walkDetailed(
   std::error_code error;
   const fs::file_status status = fs::status(input, error);
   if (!fs::exists(status)) {
-    result.problems.push_back({input, named(input) + " is no longer there. Choose the folder again."});
+    result.problems.push_back(
+        {input, named(input) + " is no longer there. Choose the folder again."});
     return result;
   }
   if (!fs::is_directory(status)) {
@@ -161,9 +163,9 @@ PreflightReport PreflightReport::of(exporting::ExportPlan plan) {
       report.skipped.push_back(refusal);
     } else {
       // A file gone since the walk found it: it cannot be read now.
-      report.excluded[refusal.source] = refusal.preflight.value_or(exporting::PreflightException{
-          exporting::PreflightExceptionClass::unreadable, exporting::PreflightCause::unreadable,
-          refusal.text});
+      report.excluded[refusal.source] = refusal.preflight.value_or(
+          exporting::PreflightException{exporting::PreflightExceptionClass::unreadable,
+                                        exporting::PreflightCause::unreadable, refusal.text});
     }
   }
   return report;

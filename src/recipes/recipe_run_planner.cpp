@@ -26,8 +26,7 @@ std::vector<RecipeUnit> RecipeRunPlanner::plan(const RecipeDraft& recipe,
                                                const RecipeRunSettings& settings) {
   if (sources.size() > 1)
     for (const auto& output : recipe.outputs)
-      if (const auto decision = canvas::BatchCanvasPolicy::decide(output.canvas);
-          !decision.allowed)
+      if (const auto decision = canvas::BatchCanvasPolicy::decide(output.canvas); !decision.allowed)
         throw BatchCanvasRefusal(decision.title, decision.explanation);
   std::vector<RecipeUnit> units;
   std::set<fs::path> reserved = settings.reserved;

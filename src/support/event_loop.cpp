@@ -1,10 +1,10 @@
 #include "support/event_loop.h"
 
-#include "support/executor.h"
-
 #include <algorithm>
 #include <exception>
 #include <future>
+
+#include "support/executor.h"
 
 namespace tarnbloom {
 
@@ -140,6 +140,8 @@ LoopExecutor::LoopExecutor(EventLoop& loop, int lanes) : m_loop(loop) {
 
 LoopExecutor::~LoopExecutor() = default;
 
-void LoopExecutor::run(int lane, Task task) { m_lanes.at(static_cast<size_t>(lane))->post(std::move(task)); }
+void LoopExecutor::run(int lane, Task task) {
+  m_lanes.at(static_cast<size_t>(lane))->post(std::move(task));
+}
 
 }  // namespace tarnbloom

@@ -20,8 +20,9 @@ struct CanvasCommand : ::testing::Test {
     std::string ignored;
     if (!said) said = &ignored;
     said->clear();
-    return testing::runCommand("cd '" + dir.path().string() + "' && TARNBLOOM_HOME=home " +
-                                   TARNBLOOM_CLI + " " + arguments + " 2>&1",
+    return testing::runCommand("cd '" + dir.path().string() + "' && TARNBLOOM_HOME='" +
+                                   (dir / "home").string() + "' " + TARNBLOOM_CLI + " " +
+                                   arguments + " 2>&1",
                                said);
   }
 };
@@ -54,15 +55,15 @@ TEST_F(CanvasCommand, ACropIsExportedOnlyAsItWasPreviewed) {
     EXPECT_TRUE(!fs::exists(dir / folder) || fs::is_empty(dir / folder)) << folder;
 
   EXPECT_EQ(run(crop + "--crop 100,50 --out e" + confirmed, &said), 0) << said;
-  const auto receipt = nlohmann::json::parse(
-      testing::readText(dir / "e" / "rocket_800x600.jpg.tarnbloomreceipt"));
+  const auto receipt =
+      nlohmann::json::parse(testing::readText(dir / "e" / "rocket_800x600.jpg.tarnbloomreceipt"));
   EXPECT_EQ(receipt["crop"]["x"], 100);
   EXPECT_EQ(receipt["output"]["width"], 800);
 
-  EXPECT_EQ(run("enlarge rocket.jpg cat.png --size x2 --canvas 800x600 --crop 100,50 --out f" +
-                    confirmed,
-                &said),
-            1);
+  EXPECT_EQ(
+      run("enlarge rocket.jpg cat.png --size x2 --canvas 800x600 --crop 100,50 --out f" + confirmed,
+          &said),
+      1);
   EXPECT_NE(said.find("“Crop” can’t run on a batch"), std::string::npos) << said;
 }
 
@@ -73,8 +74,8 @@ TEST_F(CanvasCommand, AnExactCanvasPadsAndRefusesWhatDoesNotFit) {
                 &said),
             0)
       << said;
-  const auto receipt = nlohmann::json::parse(
-      testing::readText(dir / "a" / "rocket_1281x900.jpg.tarnbloomreceipt"));
+  const auto receipt =
+      nlohmann::json::parse(testing::readText(dir / "a" / "rocket_1281x900.jpg.tarnbloomreceipt"));
   EXPECT_EQ(receipt["canvas"]["padding"],
             (nlohmann::json{{"left", 0}, {"top", 23}, {"right", 1}, {"bottom", 23}}));
   EXPECT_EQ(run("enlarge rocket.jpg --size x2 --canvas 1000x900 --out b", &said), 3);

@@ -308,3 +308,74 @@ TEST(ExportCrashSafety, ASourceThatKillsTheProgramTwiceWhileReadIsLeftOut) {
 
 }  // namespace
 }  // namespace tarnbloom
+
+namespace tarnbloom {
+namespace {
+
+// A shop's recipe of two outputs (a 3000 px JPEG under a byte ceiling on a
+// white tile, and a ×2 PNG) over a folder with files that cannot work,
+// killed as soon as its first output is written and then resumed: every
+// photo ends with both outputs and their receipts, the tile at its canvas
+// size, and the exclusions list exactly the bad files.
+TEST(RecipeBatch, TwoOutputsOverAHostileFolderSurviveAKill) {
+  testing::TempDir dir;
+  const fs::path in = dir / "in", out = dir / "out", home = dir / "home";
+  fs::create_directories(in);
+  for (const char* name : {"chelsea.png", "coffee.png", "rocket.jpg"})
+    fs::copy_file(testing::samplePath(name), in / name);
+  testing::writeText(in / "notes.txt", "shot list");
+  testing::writeText(in / "empty.jpg", "");
+  testing::writeText(in / "anim.gif", std::string("GIF89a\x01\x00\x01\x00\x00\x00\x00;", 13));
+  testing::writeText(dir / "shop.tarnbloomrecipe", R"({
+    "schema": "com.tarnbloom.recipe", "version": 1, "id": "shared", "name": "Shop pair",
+    "created": "2026-11-24T09:00:00Z", "outputs": [
+      {"method": "exact", "dimensions": {"mode": "long_edge", "value": 3000},
+       "canvas": {"mode": "exact", "width": 3000, "height": 3000,
+                  "fill": {"kind": "colour", "value": "#FFFFFF"}},
+       "format": "jpeg", "quality": {"value": 90, "floor": 40, "max_bytes": 800000},
+       "colour": {"profile_policy": "srgb", "flatten_colour": "white"},
+       "metadata": {"icc": "keep", "exif": "keep", "xmp": "keep", "gps": "strip"},
+       "naming": {"template": "{source}_tile", "destination": null}},
+      {"method": "clarity", "dimensions": {"mode": "scale_factor", "value": 2}, "format": "png",
+       "colour": {"profile_policy": "keep", "flatten_colour": "white"},
+       "metadata": {"icc": "keep", "exif": "keep", "xmp": "keep", "gps": "strip"},
+       "naming": {"template": "{index}_{source}_{w}x{h}", "destination": null}}]})");
+  ASSERT_EQ(runTool(home, {"recipe", "import", (dir / "shop.tarnbloomrecipe").string()}).status, 0);
+  EXPECT_EQ(runTool(home, {"preflight", in.string(), "--out", out.string(), "--recipe",
+                           "Shop pair", "--exclusions", (dir / "excluded.tsv").string()})
+                .status,
+            2);
+  std::string excluded = testing::readText(dir / "excluded.tsv");
+  EXPECT_EQ(std::count(excluded.begin(), excluded.end(), '\n'), 4) << excluded;
+  for (const char* bad : {"notes.txt", "empty.jpg", "anim.gif"})
+    EXPECT_NE(excluded.find((in / bad).string() + "\tUNSUPPORTED_FORMAT\tnotAnImage\t"),
+              std::string::npos)
+        << excluded;
+
+  const std::vector<std::string> run = {"enlarge", "--recipe", "Shop pair", "--out", out.string(),
+                                        "--receipts", "beside", in.string()};
+  runTool(home, run, std::nullopt, [&] { return !filesIn(out).empty(); });
+  const ToolRun resumed = runTool(home, {"queue", "resume"});
+  EXPECT_TRUE(resumed.status == 0 || resumed.status == 2) << resumed.status;
+
+  std::vector<std::string> names;
+  for (const auto& file : filesIn(out)) names.push_back(file.filename().string());
+  EXPECT_EQ(names, (std::vector<std::string>{
+                       "1_chelsea_902x600.png", "1_chelsea_902x600.png.tarnbloomreceipt",
+                       "2_coffee_1200x800.png", "2_coffee_1200x800.png.tarnbloomreceipt",
+                       "3_rocket_1280x854.png", "3_rocket_1280x854.png.tarnbloomreceipt",
+                       "chelsea_tile.jpg", "chelsea_tile.jpg.tarnbloomreceipt", "coffee_tile.jpg",
+                       "coffee_tile.jpg.tarnbloomreceipt", "rocket_tile.jpg",
+                       "rocket_tile.jpg.tarnbloomreceipt"}));
+  for (const char* tile : {"chelsea_tile.jpg", "coffee_tile.jpg", "rocket_tile.jpg"}) {
+    const auto receipt = readJson(out / (std::string(tile) + ".tarnbloomreceipt"));
+    EXPECT_EQ(receipt["output"]["width"], 3000) << tile;
+    EXPECT_EQ(receipt["output"]["height"], 3000) << tile;
+    EXPECT_EQ(receipt["output"]["sha256"], *sha256OfFile(out / tile)) << tile;
+    EXPECT_LE(fs::file_size(out / tile), 800000u) << tile;
+  }
+  EXPECT_TRUE(filesIn(home / "Operations").empty());
+}
+
+}  // namespace
+}  // namespace tarnbloom

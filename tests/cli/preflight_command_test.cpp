@@ -28,8 +28,8 @@ TEST(PreflightCommand, ListsTheBatchAndWhatItSetsAsideAndExportsNothing) {
   testing::writeText(in / "notes.txt", "shot list");
   const std::string folders = "'" + in.string() + "' --out '" + out.string() + "' --size x2";
   std::string said;
-  EXPECT_EQ(preflight(dir / "home", folders + " --exclusions '" + (dir / "left-out.tsv").string() + "'",
-                      &said),
+  EXPECT_EQ(preflight(dir / "home",
+                      folders + " --exclusions '" + (dir / "left-out.tsv").string() + "'", &said),
             2)
       << said;
   EXPECT_NE(said.find("rocket.jpg → rocket_1280x854.jpg (1280 × 854)"), std::string::npos) << said;
@@ -53,9 +53,9 @@ TEST(PreflightCommand, ListsTheBatchAndWhatItSetsAsideAndExportsNothing) {
   EXPECT_NE(said.find("Every file passed preflight."), std::string::npos) << said;
   EXPECT_EQ(preflight(dir / "home", folders + " --format webp --size x16", &said), 1);  // no x16
   EXPECT_EQ(preflight(dir / "home", folders + " --size width:10000000 --format webp", &said), 3);
-  EXPECT_EQ(preflight(dir / "home", "'" + in.string() + "' --out '" + in.string() + "' --size x2",
-                      &said),
-            1);
+  EXPECT_EQ(
+      preflight(dir / "home", "'" + in.string() + "' --out '" + in.string() + "' --size x2", &said),
+      1);
   EXPECT_NE(said.find("“in” is the folder you are enlarging."), std::string::npos) << said;
   EXPECT_FALSE(fs::exists(out));
 }

@@ -6,10 +6,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <array>
 #include <deque>
-#include <unistd.h>
 
 #include "export/receipt.h"
 #include "fixtures.h"
@@ -34,7 +34,9 @@ class ManualExecutor final : public Executor {
     }
   }
   // Runs until no task is left.
-  void drain() { waitUntil([] { return false; }); }
+  void drain() {
+    waitUntil([] { return false; });
+  }
 
  private:
   bool runOne() {
@@ -177,7 +179,8 @@ TEST_F(ControllerFixture, APlanWithTheSidesSwappedIsRefused) {
   start();
   const JobReport report = runJob([&] {
     Submission planned = submission({source}, out);
-    planned.items[0].plannedSize = std::pair<int64_t, int64_t>{240, 320};  // the source is 160 × 120
+    planned.items[0].plannedSize =
+        std::pair<int64_t, int64_t>{240, 320};  // the source is 160 × 120
     controller->submit(std::move(planned));
   });
   expectFailedLeavingNothing(
@@ -336,9 +339,9 @@ TEST_F(ThreePhotos, AQueueFileThatCannotBeSavedHaltsBeforeAnythingIsWritten) {
     fs::create_directories(state / "export-queue.json" / "in the way");
   });
   ASSERT_TRUE(report.halt);
-  EXPECT_EQ(report.halt->rfind("Couldn’t update this export. The export queue could not be saved:",
-                               0),
-            0u)
+  EXPECT_EQ(
+      report.halt->rfind("Couldn’t update this export. The export queue could not be saved:", 0),
+      0u)
       << *report.halt;
   EXPECT_TRUE(filesIn(out).empty());
   EXPECT_TRUE(ledger->all().empty());

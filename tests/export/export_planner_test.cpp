@@ -19,12 +19,13 @@ using testing::TempDir;
 struct Planning : ::testing::Test {
   TempDir dir;
   fs::path photo = dir / "photo.png";
-  void SetUp() override { testing::writePng(photo, 16, 12, 3, 8, std::vector<uint16_t>(16 * 12 * 3)); }
+  void SetUp() override {
+    testing::writePng(photo, 16, 12, 3, 8, std::vector<uint16_t>(16 * 12 * 3));
+  }
 
   ExportPlan plan(CollisionPolicy collision, const std::vector<fs::path>& sources,
                   std::string templ = "{source}_{w}x{h}",
-                  std::optional<fs::path> folder = std::nullopt,
-                  std::set<fs::path> reserved = {}) {
+                  std::optional<fs::path> folder = std::nullopt, std::set<fs::path> reserved = {}) {
     JobDescription description;
     description.options.sizeMode = SizeMode::x2;
     description.options.formatFollowsSource = true;
@@ -76,8 +77,9 @@ TEST_F(Planning, RefusesWhatCannotWorkAndLeavesTheUnreadableToTheExport) {
   JobDescription description;
   description.options.sizeMode = SizeMode::x4;
   description.options.format = encoding::ExportFormat::webp;
-  const auto planned = ExportPlanner(description, "{source}", {}).plan(
-      {dir / "gone.png", dir / "folder.png", dir / "notes.png", dir / "wide.png", photo});
+  const auto planned =
+      ExportPlanner(description, "{source}", {})
+          .plan({dir / "gone.png", dir / "folder.png", dir / "notes.png", dir / "wide.png", photo});
   ASSERT_EQ(planned.refusals.size(), 3u);
   EXPECT_EQ(planned.refusals[0].text, "“" + (dir / "gone.png").string() + "” doesn’t exist.");
   EXPECT_EQ(planned.refusals[1].text,

@@ -148,7 +148,8 @@ TEST_F(ReceiptFiles, NeverReplacesAnExistingOutputUnasked) {
 TEST_F(ReceiptFiles, AFailedPublishRestoresThePreviousReceipt) {
   // The output's folder is missing, so the output move fails after the
   // receipt (in the store) has already replaced an older one.
-  auto receipt = ReceiptLocation{m_dir / "state" / "Receipts"}.url(m_dir / "gone" / "cat.png", false);
+  auto receipt =
+      ReceiptLocation{m_dir / "state" / "Receipts"}.url(m_dir / "gone" / "cat.png", false);
   ReceiptLocation::ensureParentExists(receipt);
   writeText(receipt, "older receipt");
   writeText(m_dir / "staged", "image");
@@ -180,7 +181,9 @@ TEST_F(ReceiptFiles, RefusesAReceiptForOtherBytes) {
 
 // Crashes are simulated by doing by hand the moves publish() had got through.
 TEST_F(ReceiptFiles, RecoveryLeavesAMatchingPairAndReportsAStrayReceipt) {
-  auto recover = [&] { return ReceiptPairPublication::recoverInterrupted(m_dir / "state").removed; };
+  auto recover = [&] {
+    return ReceiptPairPublication::recoverInterrupted(m_dir / "state").removed;
+  };
 
   // Crash before anything moved.
   prepare("a.png", "a");
