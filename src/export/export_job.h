@@ -35,8 +35,8 @@ struct PlannedItem {
   std::filesystem::path url;
   std::filesystem::path destination;  // the output folder
   int64_t batchIndex = 1;             // for {index}
-  std::optional<std::filesystem::path> assignedOutput;
-  std::optional<std::pair<int64_t, int64_t>> plannedSize;
+  std::optional<std::filesystem::path> assignedOutput = std::nullopt;
+  std::optional<std::pair<int64_t, int64_t>> plannedSize = std::nullopt;
 };
 
 // Everything a route decides about a job apart from its files. The running

@@ -16,8 +16,8 @@ namespace tarnbloom::exporting {
 // Where a plan puts its outputs: one folder for all, a folder inside each
 // source's own folder (`subfolder`, a relative path), or beside each source.
 struct DestinationRule {
-  std::optional<std::filesystem::path> folder;
-  std::optional<std::filesystem::path> subfolder;
+  std::optional<std::filesystem::path> folder = std::nullopt;
+  std::optional<std::filesystem::path> subfolder = std::nullopt;
   std::filesystem::path folderFor(const std::filesystem::path& source) const {
     if (folder) return *folder;
     return subfolder ? (source.parent_path() / *subfolder).lexically_normal()
@@ -33,7 +33,7 @@ struct PlanRefusal {
   // What the user is told after the file's name.
   std::string text;
   // How a preflight list files it; none for files that are not there.
-  std::optional<PreflightException> preflight;
+  std::optional<PreflightException> preflight = std::nullopt;
 };
 
 // A file whose first-choice name was taken: it stays in the plan under a

@@ -61,6 +61,7 @@ struct ControllerFixture : ::testing::Test {
   std::unique_ptr<ExportQueueStore> queue;
   std::unique_ptr<ExportOperationLedger> ledger;
   std::unique_ptr<ExportController> controller;
+  std::optional<JobReport> lastReport;  // of the job that ended last
 
   void SetUp() override {
     fs::create_directories(out);
@@ -83,6 +84,9 @@ struct ControllerFixture : ::testing::Test {
     context.receiptsFolder = state / "Receipts";
     controller = std::make_unique<ExportController>(executor, *queue, *ledger, context,
                                                     std::move(dependencies));
+    controller->subscribe([this](const ExportEvent& event) {
+      if (const auto* ended = std::get_if<events::JobFinished>(&event)) lastReport = *ended->report;
+    });
   }
 
   Submission submission(const std::vector<fs::path>& sources, const fs::path& folder) {
@@ -96,14 +100,11 @@ struct ControllerFixture : ::testing::Test {
 
   // Starts a job with `begin` and runs until it ends.
   JobReport runJob(const std::function<void()>& begin) {
-    std::optional<JobReport> report;
-    controller->subscribe([&](const ExportEvent& event) {
-      if (const auto* ended = std::get_if<events::JobFinished>(&event)) report = *ended->report;
-    });
+    lastReport.reset();
     begin();
-    executor.waitUntil([&] { return report.has_value(); });
-    EXPECT_TRUE(report) << "the job never finished";
-    return report.value_or(JobReport{});
+    executor.waitUntil([&] { return lastReport.has_value(); });
+    EXPECT_TRUE(lastReport) << "the job never finished";
+    return lastReport.value_or(JobReport{});
   }
 
   JobReport exportSource(const fs::path& folder) {
