@@ -13,7 +13,7 @@
 #include "encoding/naming_engine.h"
 #include "support/files.h"
 #include "support/locale_numbers.h"
-#include "support/utf8.h"
+#include "support/strict_json.h"
 
 namespace tarnbloom::recipes {
 namespace {
@@ -45,108 +45,29 @@ std::string childPath(const std::string& prefix, std::string_view key) {
 }
 
 // ---------------------------------------------------------------------------
-// Reading JSON that other people wrote.
-//
-// nlohmann's own tree builder keeps the last of two equal keys without a
-// word and nests as deep as the input does. This builder takes the parser's
-// events instead and stops at the first duplicate key or at the nesting
-// limit, so a hostile file neither smuggles a second value past the key
-// checks nor builds a tree whose recursive walks run out of stack.
-class GuardedJsonBuilder {
- public:
-  explicit GuardedJsonBuilder(json& root) : m_root(root) {}
-
-  bool null() { return place(json(nullptr)) != nullptr; }
-  bool boolean(bool value) { return place(json(value)) != nullptr; }
-  bool number_integer(json::number_integer_t value) { return place(json(value)) != nullptr; }
-  bool number_unsigned(json::number_unsigned_t value) { return place(json(value)) != nullptr; }
-  bool number_float(json::number_float_t value, const std::string&) {
-    return place(json(value)) != nullptr;
-  }
-  bool string(std::string& value) { return place(json(std::move(value))) != nullptr; }
-  bool binary(json::binary_t&) { return fail("The recipe’s JSON holds binary data."); }
-
-  bool start_object(std::size_t) { return open(json::value_t::object); }
-  bool key(std::string& key) {
-    auto& object = m_open.back()->get_ref<json::object_t&>();
-    const auto [it, inserted] = object.try_emplace(key);
-    if (!inserted)
-      return fail("The recipe’s JSON has the key “" + key +
-                  "” twice in one object, so which value counts is unclear.");
-    m_slot = &it->second;
-    return true;
-  }
-  bool end_object() {
-    m_open.pop_back();
-    return true;
-  }
-  bool start_array(std::size_t) { return open(json::value_t::array); }
-  bool end_array() {
-    m_open.pop_back();
-    return true;
-  }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) {
-    m_error = error.what();
-    // The parser quotes the bytes it stopped at, which for a file that is
-    // not UTF-8 are not UTF-8 either; an error text must be, since it ends
-    // up in windows and JSON documents.
-    if (!isValidUtf8(m_error)) {
-      std::string cleaned;
-      for (const char c : m_error)
-        cleaned += static_cast<unsigned char>(c) < 0x80 ? std::string(1, c) : "\uFFFD";
-      m_error = std::move(cleaned);
-    }
-    return false;
-  }
-
-  const std::string& error() const { return m_error; }
-
- private:
-  json* place(json&& value) {
-    if (m_open.empty()) {
-      m_root = std::move(value);
-      return &m_root;
-    }
-    json& parent = *m_open.back();
-    if (parent.is_array()) {
-      auto& array = parent.get_ref<json::array_t&>();
-      array.push_back(std::move(value));
-      return &array.back();
-    }
-    *m_slot = std::move(value);
-    return m_slot;
-  }
-
-  bool open(json::value_t type) {
-    if (m_open.size() >= static_cast<size_t>(Recipe::kMaxNestingDepth))
-      return fail("The recipe’s JSON nests deeper than " +
-                  std::to_string(Recipe::kMaxNestingDepth) + " levels.");
-    m_open.push_back(place(json(type)));
-    return true;
-  }
-
-  bool fail(std::string text) {
-    m_error = std::move(text);
-    return false;
-  }
-
-  json& m_root;
-  std::vector<json*> m_open;  // the objects and arrays not closed yet
-  json* m_slot = nullptr;     // where the value after the last key goes
-  std::string m_error;
-};
+// Reading JSON that other people wrote: a duplicate key could smuggle a
+// second value past the key checks, and deep nesting would exhaust the stack
+// of any walk over the tree, so the strict parser refuses both.
 
 json parseGuarded(std::span<const std::byte> data) {
-  json root;
-  GuardedJsonBuilder builder(root);
-  const auto* first = reinterpret_cast<const char*>(data.data());
-  // The parser itself is iterative; it checks UTF-8 inside strings and
-  // refuses numbers beyond the range of a double.
-  if (!json::sax_parse(first, first + data.size(), &builder)) {
-    throw RecipeError::unreadable(builder.error().empty() ? "The recipe’s JSON cannot be read."
-                                                          : builder.error());
+  try {
+    return parseStrictJson(data, Recipe::kMaxNestingDepth);
+  } catch (const StrictJsonError& error) {
+    switch (error.errorCase()) {
+      case StrictJsonError::Case::duplicateKey:
+        throw RecipeError::unreadable("The recipe’s JSON has the key “" + error.text() +
+                                      "” twice in one object, so which value counts is unclear.");
+      case StrictJsonError::Case::tooDeep:
+        throw RecipeError::unreadable("The recipe’s JSON nests deeper than " +
+                                      std::to_string(Recipe::kMaxNestingDepth) + " levels.");
+      case StrictJsonError::Case::binary:
+        throw RecipeError::unreadable("The recipe’s JSON holds binary data.");
+      case StrictJsonError::Case::syntax:
+        break;
+    }
+    throw RecipeError::unreadable(error.text().empty() ? "The recipe’s JSON cannot be read."
+                                                       : error.text());
   }
-  return root;
 }
 
 // ---------------------------------------------------------------------------

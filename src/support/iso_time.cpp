@@ -49,6 +49,8 @@ std::optional<WallTime> parseIso8601(std::string_view text) {
       !expect(text, at, ':') || !readDigits(text, at, 2, s))
     return std::nullopt;
   if (h > 23 || mi > 59 || s > 60) return std::nullopt;
+  // The clock counts nanoseconds in 64 bits: about 1678 to 2261 only.
+  if (y < 1678 || y > 2261) return std::nullopt;
 
   nanoseconds fraction{0};
   if (at < text.size() && text[at] == '.') {
