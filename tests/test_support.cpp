@@ -53,7 +53,9 @@ std::vector<std::byte> readBytes(const std::filesystem::path& path) {
   if (!in) throw std::runtime_error("cannot read " + path.string());
   std::vector<char> chars((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   std::vector<std::byte> bytes(chars.size());
-  std::memcpy(bytes.data(), chars.data(), chars.size());
+  // A file caught between its creation and its first write is empty: no
+  // copy then (memcpy from a null pointer is undefined even for 0 bytes).
+  if (!chars.empty()) std::memcpy(bytes.data(), chars.data(), chars.size());
   return bytes;
 }
 
