@@ -250,9 +250,12 @@ fs::path hangingDecoder(const fs::path& dir) {
 // True once an export is reading a source for the `attempt`th time (the
 // ledger counts the reads).
 bool reading(const fs::path& home, int attempt = 1) {
-  for (const auto& file : filesIn(home / "Operations"))
-    if (file.extension() == ".reading" && readJson(file).value("attempts", 0) == attempt)
-      return true;
+  for (const auto& file : filesIn(home / "Operations")) {
+    if (file.extension() != ".reading") continue;
+    // Caught between its creation and its one write, the count is not there yet.
+    const auto count = readJson(file);
+    if (count.is_object() && count.value("attempts", 0) == attempt) return true;
+  }
   return false;
 }
 
