@@ -14,12 +14,12 @@ using Image = CHandle<heif_image, heif_image_release>;
 using Encoder = CHandle<heif_encoder, heif_encoder_release>;
 using Handle = CHandle<heif_image_handle, heif_image_handle_release>;
 
-struct ByteSink {
+struct HeifOutput {
   std::vector<uint8_t> bytes;
 };
 
 heif_error writeToSink(heif_context*, const void* data, size_t size, void* userdata) {
-  auto* sink = static_cast<ByteSink*>(userdata);
+  auto* sink = static_cast<HeifOutput*>(userdata);
   const auto* p = static_cast<const uint8_t*>(data);
   try {
     sink->bytes.insert(sink->bytes.end(), p, p + size);
@@ -115,8 +115,8 @@ std::vector<uint8_t> encodeHEIF(ExportFormat format, const codec::PixelBuffer& i
     heif_encoding_options* options = heif_encoding_options_alloc();
     // Our pixels are already upright; nothing to transform on write.
     heif_image_handle* rawHandle = nullptr;
-    const heif_error encoded =
-        heif_context_encode_image(context.get(), heifImage.get(), encoder.get(), options, &rawHandle);
+    const heif_error encoded = heif_context_encode_image(context.get(), heifImage.get(),
+                                                         encoder.get(), options, &rawHandle);
     heif_encoding_options_free(options);
     Handle handle(rawHandle);
     if (encoded.code != heif_error_Ok) {
@@ -133,7 +133,7 @@ std::vector<uint8_t> encodeHEIF(ExportFormat format, const codec::PixelBuffer& i
                                       static_cast<int>(metadata.xmp->size()))
                 .code != heif_error_Ok)
       throw EncoderError::writerFailed(name, "XMP");
-    ByteSink sink;
+    HeifOutput sink;
     heif_writer writer{1, writeToSink};
     if (heif_context_write(context.get(), &writer, &sink).code != heif_error_Ok)
       throw EncoderError::writerFailed(name, "write");

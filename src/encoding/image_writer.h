@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "codec/pixel_buffer.h"
+#include "encoding/byte_sink.h"
 #include "encoding/export_format.h"
 #include "encoding/output_metadata.h"
+#include "encoding/row_writer.h"
 
 namespace tarnbloom::encoding {
 
@@ -18,6 +21,17 @@ std::vector<uint8_t> encodePNG(const codec::PixelBuffer& image, const OutputMeta
 
 // Deflate-compressed, one strip per 64 KiB or so.
 std::vector<uint8_t> encodeTIFF(const codec::PixelBuffer& image, const OutputMetadata& metadata);
+
+// The same files written from rows that arrive a band at a time. PNG goes
+// to `sink` as it is written, but for the last few megabytes of rows. TIFF
+// is kept whole until finish(), since libtiff patches the header once the
+// strips are written and the EXIF goes in after that; only the encoded
+// file is held, never the rows. Opening throws EncoderError for a layout
+// the format cannot store.
+std::unique_ptr<RowWriter> openPNG(const RowLayout& layout, const OutputMetadata& metadata,
+                                   ByteSink& sink);
+std::unique_ptr<RowWriter> openTIFF(const RowLayout& layout, const OutputMetadata& metadata,
+                                    ByteSink& sink);
 
 // HEIC (HEVC) or AVIF (AV1) at `quality` (0...100). A 16-bit render is
 // written with 12 or 10 bits per sample where the encoder accepts it.

@@ -2,13 +2,16 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
 
 #include "codec/pixel_buffer.h"
+#include "encoding/byte_sink.h"
 #include "encoding/output_metadata.h"
+#include "encoding/row_writer.h"
 
 namespace tarnbloom {
 class Settings;
@@ -69,6 +72,21 @@ class JPEGEncoder {
                                          const OutputMetadata& metadata, int quality,
                                          std::optional<JPEGSubsampling> subsampling,
                                          std::array<uint8_t, 3> flatten = {255, 255, 255});
+
+  // The same single encode written from rows that arrive a band at a time,
+  // into `sink` as it goes. A size ceiling needs several whole encodes, so
+  // there is none here: use encode() for one. Throws EngineError
+  // (jpegEncode), and whatever the sink throws, unchanged.
+  static std::unique_ptr<RowWriter> openRows(const RowLayout& layout,
+                                             const OutputMetadata& metadata, int quality,
+                                             std::optional<JPEGSubsampling> subsampling,
+                                             ByteSink& sink,
+                                             std::array<uint8_t, 3> flatten = {255, 255, 255});
+
+  // What an encode under `options` that wrote `data` at `qualityUsed`
+  // reports.
+  static JPEGEncodeReport report(const JPEGOptions& options, int qualityUsed, bool floorHit,
+                                 std::span<const uint8_t> data);
 
   // The chroma subsampling of a JPEG stream's first frame, or none.
   static std::optional<JPEGSubsampling> actualSubsampling(std::span<const uint8_t> data);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exiv2/exiv2.hpp>
+#include <memory>
 
 #include "encoding/encoder_error.h"
 #include "encoding/image_writer.h"
@@ -21,7 +22,8 @@ struct MemoryFile {
 tmsize_t readProc(thandle_t handle, void* buffer, tmsize_t size) {
   auto* file = static_cast<MemoryFile*>(handle);
   if (file->position >= file->bytes.size()) return 0;
-  const auto n = std::min<uint64_t>(static_cast<uint64_t>(size), file->bytes.size() - file->position);
+  const auto n =
+      std::min<uint64_t>(static_cast<uint64_t>(size), file->bytes.size() - file->position);
   std::memcpy(buffer, file->bytes.data() + file->position, n);
   file->position += n;
   return static_cast<tmsize_t>(n);
@@ -54,20 +56,21 @@ toff_t sizeProc(thandle_t handle) { return static_cast<MemoryFile*>(handle)->byt
 int mapProc(thandle_t, void**, toff_t*) { return 0; }
 void unmapProc(thandle_t, void*, toff_t) {}
 
-bool writeImage(TIFF* tiff, const codec::PixelBuffer& image, const OutputMetadata& metadata) {
-  const bool grey = image.isGrey();
-  const uint16_t bits = image.format == codec::SampleFormat::uint16 ? 16 : 8;
-  bool ok = TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(image.width)) &&
-            TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(image.height)) &&
-            TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits) &&
-            TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<uint16_t>(image.channels)) &&
-            TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, grey ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB) &&
-            TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) &&
-            TIFFSetField(tiff, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT) &&
-            TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE) &&
-            TIFFSetField(tiff, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL) &&
-            TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tiff, 0));
-  if (ok && image.hasAlpha()) {
+bool writeTags(TIFF* tiff, const RowLayout& layout, const OutputMetadata& metadata) {
+  const bool grey = layout.isGrey();
+  const uint16_t bits = layout.format == codec::SampleFormat::uint16 ? 16 : 8;
+  bool ok =
+      TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(layout.width)) &&
+      TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(layout.height)) &&
+      TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, bits) &&
+      TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, static_cast<uint16_t>(layout.channels)) &&
+      TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, grey ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB) &&
+      TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) &&
+      TIFFSetField(tiff, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT) &&
+      TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE) &&
+      TIFFSetField(tiff, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL) &&
+      TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tiff, 0));
+  if (ok && layout.hasAlpha()) {
     const uint16_t extra = EXTRASAMPLE_UNASSALPHA;  // our alpha is straight
     ok = TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, 1, &extra);
   }
@@ -77,34 +80,84 @@ bool writeImage(TIFF* tiff, const codec::PixelBuffer& image, const OutputMetadat
   if (ok && metadata.xmp)
     ok = TIFFSetField(tiff, TIFFTAG_XMLPACKET, static_cast<uint32_t>(metadata.xmp->size()),
                       metadata.xmp->data());
-  // libtiff wants native-endian samples and swaps them itself, but the
-  // predictor differences the row in place: hand it a copy, never the render.
-  std::vector<uint8_t> scratch(image.rowBytes());
-  for (int y = 0; ok && y < image.height; ++y) {
-    std::memcpy(scratch.data(), image.row(y), scratch.size());
-    ok = TIFFWriteScanline(tiff, scratch.data(), static_cast<uint32_t>(y)) == 1;
-  }
-  return ok && TIFFWriteDirectory(tiff);
+  return ok;
 }
+
+// libtiff compresses each strip as it fills and writes it to the end of the
+// file in memory; the directory follows when the last row is in.
+class TIFFRowWriter final : public RowWriter {
+ public:
+  TIFFRowWriter(const RowLayout& layout, const OutputMetadata& metadata, ByteSink& sink)
+      : m_layout(layout), m_exif(metadata.exif), m_sink(sink) {
+    if (layout.format == codec::SampleFormat::float32 || layout.channels < 1 ||
+        layout.channels > 4 || layout.width < 1 || layout.height < 1)
+      throw EncoderError::writerFailed("TIFF", "unsupported sample layout");
+    // BigTIFF only when the classic 4 GiB offsets may not do.
+    const uint64_t raw = layout.rowBytes() * static_cast<uint64_t>(layout.height);
+    const bool big = raw > (uint64_t{3} << 30);
+    // Room for the file as large as its raw samples, so that it does not
+    // move as it grows: moving holds it twice. Reserving takes address
+    // space only; memory is used as the file is written. Without the room
+    // the file still grows, only less cheaply.
+    try {
+      m_file.bytes.reserve(raw + (size_t{1} << 20));
+    } catch (const std::bad_alloc&) {
+    }
+    m_tiff.reset(TIFFClientOpen("output.tif", big ? "w8" : "w", &m_file, readProc, writeProc,
+                                seekProc, closeProc, sizeProc, mapProc, unmapProc));
+    if (!m_tiff || !writeTags(m_tiff.get(), layout, metadata))
+      throw EncoderError::writerFailed("TIFF");
+    m_scratch.resize(layout.rowBytes());
+  }
+
+  void writeRows(const codec::PixelBuffer& rows) override {
+    if (!m_tiff || !m_layout.matches(rows) || rows.height > m_layout.height - m_received) fail();
+    // libtiff wants native-endian samples and swaps them itself, but the
+    // predictor differences the row in place: hand it a copy, never the
+    // render.
+    for (int y = 0; y < rows.height; ++y, ++m_received) {
+      std::memcpy(m_scratch.data(), rows.row(y), m_scratch.size());
+      if (TIFFWriteScanline(m_tiff.get(), m_scratch.data(), static_cast<uint32_t>(m_received)) != 1)
+        fail();
+    }
+  }
+
+  void finish() override {
+    if (!m_tiff || m_received != m_layout.height || !TIFFWriteDirectory(m_tiff.get())) fail();
+    m_tiff.reset();
+    if (!m_exif.empty()) mergeExifIntoFile(m_file.bytes, m_exif);
+    m_sink.writeOwned(std::move(m_file.bytes));
+  }
+
+ private:
+  [[noreturn]] void fail() {
+    m_tiff.reset();
+    throw EncoderError::writerFailed("TIFF");
+  }
+
+  RowLayout m_layout;
+  std::vector<uint8_t> m_exif;
+  ByteSink& m_sink;
+  MemoryFile m_file;
+  // Closed once the file is complete or broken: the writer is spent then.
+  CHandle<TIFF, TIFFClose> m_tiff;
+  std::vector<uint8_t> m_scratch;
+  int m_received = 0;
+};
 
 }  // namespace
 
+std::unique_ptr<RowWriter> openTIFF(const RowLayout& layout, const OutputMetadata& metadata,
+                                    ByteSink& sink) {
+  return std::make_unique<TIFFRowWriter>(layout, metadata, sink);
+}
+
 std::vector<uint8_t> encodeTIFF(const codec::PixelBuffer& image, const OutputMetadata& metadata) {
-  if (image.format == codec::SampleFormat::float32 || image.channels < 1 || image.channels > 4)
-    throw EncoderError::writerFailed("TIFF", "unsupported sample layout");
-  MemoryFile file;
-  // BigTIFF only when the classic 4 GiB offsets may not do.
-  const bool big = image.rowBytes() * static_cast<uint64_t>(image.height) > (uint64_t{3} << 30);
-  bool ok = false;
-  {
-    CHandle<TIFF, TIFFClose> tiff(TIFFClientOpen("output.tif", big ? "w8" : "w", &file, readProc,
-                                                 writeProc, seekProc, closeProc, sizeProc, mapProc,
-                                                 unmapProc));
-    ok = tiff && writeImage(tiff.get(), image, metadata);
-  }
-  if (!ok) throw EncoderError::writerFailed("TIFF");
-  if (!metadata.exif.empty()) mergeExifIntoFile(file.bytes, metadata.exif);
-  return std::move(file.bytes);
+  MemorySink sink;
+  const auto writer = openTIFF(RowLayout::of(image, image.height), metadata, sink);
+  writer->writeRows(image);
+  writer->finish();
+  return sink.take();
 }
 
 void mergeExifIntoFile(std::vector<uint8_t>& file, const std::vector<uint8_t>& exif) {

@@ -32,6 +32,11 @@ struct RenderOutput {
 // Called with (done, total) bands; and polled between bands.
 using RenderProgress = std::function<void(int64_t done, int64_t total)>;
 
+// Receives one finished band of an export: output rows [firstRow,
+// firstRow + rows.height), all of the output's width. The buffer is reused
+// for the next band, so a receiver keeps what it needs before returning.
+using BandReceiver = std::function<void(const codec::PixelBuffer& rows, int64_t firstRow)>;
+
 // A rectangle of the output, in output pixels.
 struct OutputRect {
   int64_t x = 0, y = 0, width = 0, height = 0;
@@ -67,6 +72,15 @@ class ResampleEngine {
                                  const RenderOutput& output, const RenderProgress& progress = {},
                                  const std::atomic<bool>* cancel = nullptr,
                                  int64_t bandBudgetOverride = 0) const;
+
+  // The same render handed to `onBand` band by band, top to bottom, so the
+  // whole output is never held: the pixels are those exportImage returns.
+  // Enhance blends the whole picture at once and hands it over as one band.
+  // Throws as exportImage does, and whatever `onBand` throws (no further
+  // band is rendered then).
+  void exportBands(ResampleTarget target, ResampleMethod method, const RenderOutput& output,
+                   const BandReceiver& onBand, const RenderProgress& progress = {},
+                   const std::atomic<bool>* cancel = nullptr, int64_t bandBudgetOverride = 0) const;
 
   // Only `rect` of the output at `target` size, 8 bits, for the compare view:
   // the same pixels the export writes there. Enhance renders the estimate
@@ -111,7 +125,8 @@ class ResampleEngine {
   // The Enhance render: the ×4 estimate of the whole source, resized to the
   // target and blended with the Exact render, then converted like any other.
   codec::PixelBuffer renderEstimate(ResampleTarget target, const RenderOutput& output,
-                                    const OutputConverter& converter, const RenderProgress& progress,
+                                    const OutputConverter& converter,
+                                    const RenderProgress& progress,
                                     const std::atomic<bool>* cancel) const;
   // `rect` of the Enhance render at `target`, from the cached estimate.
   codec::PixelBuffer estimateTile(ResampleTarget target, OutputRect rect,
@@ -120,17 +135,23 @@ class ResampleEngine {
   std::vector<uint8_t> exactMosaic(ResampleTarget target) const;
   // The estimate at `target` blended with Exact at `strength`, as 8-bit
   // premultiplied sRGB RGBA, from the cache when it holds that size.
-  std::shared_ptr<const std::vector<uint8_t>> blendedEstimate(ResampleTarget target, double strength,
-                                                              const RenderProgress& progress,
-                                                              const std::atomic<bool>* cancel) const;
+  std::shared_ptr<const std::vector<uint8_t>> blendedEstimate(
+      ResampleTarget target, double strength, const RenderProgress& progress,
+      const std::atomic<bool>* cancel) const;
+  // The band loop of exportImage (`onBand` null: the whole output is
+  // returned) and exportBands (each band goes to `onBand`; nothing returned).
+  codec::PixelBuffer renderExport(ResampleTarget target, ResampleMethod method,
+                                  const RenderOutput& output, const BandReceiver* onBand,
+                                  const RenderProgress& progress, const std::atomic<bool>* cancel,
+                                  int64_t bandBudgetOverride) const;
   // Renders output columns [x0, x0+width) of rows [y0, y1) with margin rows
   // of context into floats, and converts them into `out`, output row y
   // going to out row y - outRowOffset. `scratch` carries buffers from one
   // band of a render to the next.
   struct BandScratch;
   void renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0, int64_t y1,
-                  ResampleMethod method, const OutputConverter& converter,
-                  codec::PixelBuffer& out, int64_t outRowOffset, BandScratch& scratch) const;
+                  ResampleMethod method, const OutputConverter& converter, codec::PixelBuffer& out,
+                  int64_t outRowOffset, BandScratch& scratch) const;
 
   struct NoiseEstimate {
     std::once_flag once;

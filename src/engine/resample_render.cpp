@@ -28,7 +28,8 @@ ResampleTarget ResampleEngine::targetSize(double scale) const {
 }
 
 int ResampleEngine::margin(ResampleMethod method, double scale) {
-  return method == ResampleMethod::clarity ? std::max(kMargin, ClarityParams::margin(scale)) : kMargin;
+  return method == ResampleMethod::clarity ? std::max(kMargin, ClarityParams::margin(scale))
+                                           : kMargin;
 }
 
 float ResampleEngine::sourceNoiseSigma() const {
@@ -101,7 +102,8 @@ void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width
                                  target.height, left, top, band);
   const ClarityPass::Plane* luminance = nullptr;
   if (clarity) {
-    const BandFrame frame{0, 0, left, top, m_linear.width, m_linear.height, target.width, target.height};
+    const BandFrame frame{
+        0, 0, left, top, m_linear.width, m_linear.height, target.width, target.height};
     luminance = &ClarityPass::sharpenLuminance(band, frame, m_linear, sourceNoiseSigma(),
                                                BandMapping::global, scratch.clarity);
   }
@@ -111,7 +113,8 @@ void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width
   for (int64_t y = y0; y < y1; ++y) {
     float* row = band.row(y - top) + (x0 - left) * 4;
     if (clarity)
-      ClarityPass::carryColourRow(row, luminance->row(y - top) + (x0 - left), width, m_source.hasAlpha);
+      ClarityPass::carryColourRow(row, luminance->row(y - top) + (x0 - left), width,
+                                  m_source.hasAlpha);
     converter.convertRow(row, width, out.row(static_cast<int>(y - outRowOffset)));
   }
 }
@@ -121,10 +124,29 @@ codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMe
                                                const RenderProgress& progress,
                                                const std::atomic<bool>* cancel,
                                                int64_t bandBudgetOverride) const {
+  return renderExport(target, method, output, nullptr, progress, cancel, bandBudgetOverride);
+}
+
+void ResampleEngine::exportBands(ResampleTarget target, ResampleMethod method,
+                                 const RenderOutput& output, const BandReceiver& onBand,
+                                 const RenderProgress& progress, const std::atomic<bool>* cancel,
+                                 int64_t bandBudgetOverride) const {
+  renderExport(target, method, output, &onBand, progress, cancel, bandBudgetOverride);
+}
+
+codec::PixelBuffer ResampleEngine::renderExport(ResampleTarget target, ResampleMethod method,
+                                                const RenderOutput& output,
+                                                const BandReceiver* onBand,
+                                                const RenderProgress& progress,
+                                                const std::atomic<bool>* cancel,
+                                                int64_t bandBudgetOverride) const {
+  // The ceiling holds for streamed renders too: it bounds what one export
+  // may produce, whether or not its pixels are ever held whole.
   const uint64_t bytesPerPixel = output.sixteenBit ? 8 : 4;
   uint64_t pixels = 0, bytes = 0;
   if (target.width < 1 || target.height < 1 ||
-      __builtin_mul_overflow(static_cast<uint64_t>(target.width), static_cast<uint64_t>(target.height), &pixels) ||
+      __builtin_mul_overflow(static_cast<uint64_t>(target.width),
+                             static_cast<uint64_t>(target.height), &pixels) ||
       __builtin_mul_overflow(pixels, bytesPerPixel, &bytes) || bytes > maxOutputBytes)
     throw EngineError::tooLarge(target.width, target.height, bytes ? bytes : UINT64_MAX);
 
@@ -135,32 +157,49 @@ codec::PixelBuffer ResampleEngine::exportImage(ResampleTarget target, ResampleMe
   if (output.flatten) converter.setFlatten(*output.flatten);
   if (!m_source.hasAlpha) converter.assumeOpaque();
 
-  if (method == ResampleMethod::estimate) return renderEstimate(target, output, converter, progress, cancel);
-
-  codec::PixelBuffer result;
-  try {
-    result.allocate(static_cast<int>(target.width), static_cast<int>(target.height), converter.channels(),
-                    converter.format());
-  } catch (const std::exception&) {
-    throw EngineError::tooLarge(target.width, target.height, bytes);
+  if (method == ResampleMethod::estimate) {
+    codec::PixelBuffer whole = renderEstimate(target, output, converter, progress, cancel);
+    if (!onBand) return whole;
+    (*onBand)(whole, 0);
+    return {};
   }
 
   const auto [sx, sy] = target.scale(m_linear.width, m_linear.height);
   const bool fractional = !target.integralFactor(m_linear.width, m_linear.height).has_value();
   const int64_t budget = bandBudgetOverride > 0 ? bandBudgetOverride : bandBudget(method);
   const int64_t perRow = target.width * workingBytesPerPixel(method, sx, sy, fractional);
-  const int64_t rowsPerBand = std::max<int64_t>(1, budget / std::max<int64_t>(perRow, 1));
+  const int64_t rowsPerBand =
+      std::min(target.height, std::max<int64_t>(1, budget / std::max<int64_t>(perRow, 1)));
   const int64_t bands = (target.height + rowsPerBand - 1) / rowsPerBand;
+
+  // Whole: every band goes to its place in the output. Streamed: each band
+  // goes into one buffer of a band's rows, reused down the image.
+  codec::PixelBuffer result;
+  try {
+    result.allocate(static_cast<int>(target.width),
+                    static_cast<int>(onBand ? rowsPerBand : target.height), converter.channels(),
+                    converter.format());
+  } catch (const std::exception&) {
+    throw EngineError::tooLarge(target.width, target.height, bytes);
+  }
 
   BandScratch scratch;
   for (int64_t b = 0; b < bands; ++b) {
     if (cancel && cancel->load()) throw EngineError::cancelled();
     const int64_t y0 = b * rowsPerBand;
     const int64_t y1 = std::min(target.height, y0 + rowsPerBand);
-    renderRows(target, 0, target.width, y0, y1, method, converter, result, 0, scratch);
+    renderRows(target, 0, target.width, y0, y1, method, converter, result, onBand ? y0 : 0,
+               scratch);
+    if (onBand) {
+      // The last band may be shorter; the buffer keeps its storage.
+      result.height = static_cast<int>(y1 - y0);
+      result.data.resize(result.rowBytes() * static_cast<size_t>(result.height));
+      (*onBand)(result, y0);
+    }
     if (progress) progress(b + 1, bands);
   }
   if (cancel && cancel->load()) throw EngineError::cancelled();
+  if (onBand) return {};
   return result;
 }
 
@@ -170,7 +209,8 @@ codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect
   if (rect.width < 1 || rect.height < 1 || rect.x < 0 || rect.y < 0 ||
       rect.x + rect.width > target.width || rect.y + rect.height > target.height)
     throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
-  codec::ColourSpace space = keepProfile ? m_source.colorSpace : codec::ColourSpace::forFrame({}, false);
+  codec::ColourSpace space =
+      keepProfile ? m_source.colorSpace : codec::ColourSpace::forFrame({}, false);
   OutputConverter converter(space, false, m_source.hasAlpha);
   if (!m_source.hasAlpha) converter.assumeOpaque();
   if (method == ResampleMethod::estimate)
@@ -179,8 +219,8 @@ codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect
   tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
                 converter.format());
   BandScratch scratch;
-  renderRows(target, rect.x, rect.width, rect.y, rect.y + rect.height, method, converter, tile, rect.y,
-             scratch);
+  renderRows(target, rect.x, rect.width, rect.y, rect.y + rect.height, method, converter, tile,
+             rect.y, scratch);
   return tile;
 }
 

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <cmath>
+#include <memory>
 
+#include "encoding/byte_sink.h"
 #include "encoding/image_writer.h"
 #include "encoding/jpeg_encoder.h"
 #include "encoding/output_metadata.h"
@@ -23,11 +25,75 @@ class StageClock {
     m_timings[stage] = std::chrono::duration<double>(now - m_last).count();
     m_last = now;
   }
+  // Two stages that took turns since the last mark: `measured` seconds of
+  // it were `second`'s, the rest `first`'s.
+  void markInterleaved(const char* first, const char* second, double measured) {
+    const auto now = std::chrono::steady_clock::now();
+    m_timings[first] = std::chrono::duration<double>(now - m_last).count() - measured;
+    m_timings[second] = measured;
+    m_last = now;
+  }
 
  private:
   std::map<std::string, double>& m_timings;
   std::chrono::steady_clock::time_point m_last = std::chrono::steady_clock::now();
 };
+
+// Whether `format` is written from rows as they are rendered. A JPEG size
+// ceiling takes several whole encodes; WebP, HEIC and AVIF take the whole
+// picture in their libraries.
+bool streams(ExportFormat format, const ExportOptions& options) {
+  return format == ExportFormat::png || format == ExportFormat::tiff ||
+         (format == ExportFormat::jpeg && !options.jpeg.maxBytes);
+}
+
+// Renders band by band into the format's row writer: the output's pixels
+// are never held whole, only the encoded file. The writer opens on the
+// first band, which fixes the layout the render chose.
+void renderStreamed(SourceImage source, EstimateEngine* estimates, const ResolvedSize& size,
+                    const ExportOptions& options, const RenderOutput& output, ExportFormat format,
+                    const encoding::OutputMetadata& metadata, EncodedExport& result,
+                    const RenderProgress& progress, const std::atomic<bool>* cancel,
+                    StageClock& clock) {
+  encoding::MemorySink sink;
+  std::unique_ptr<encoding::RowWriter> writer;
+  double encodeSeconds = 0;
+  const auto encodeBand = [&](const codec::PixelBuffer& rows, int64_t) {
+    const auto start = std::chrono::steady_clock::now();
+    if (!writer) {
+      const auto layout = encoding::RowLayout::of(rows, static_cast<int>(size.height));
+      if (format == ExportFormat::png) {
+        writer = encoding::openPNG(layout, metadata, sink);
+      } else if (format == ExportFormat::tiff) {
+        writer = encoding::openTIFF(layout, metadata, sink);
+      } else {
+        const encoding::JPEGOptions jpeg = options.jpeg.normalized();
+        writer =
+            encoding::JPEGEncoder::openRows(layout, metadata, jpeg.quality, jpeg.subsampling, sink);
+      }
+    }
+    writer->writeRows(rows);
+    encodeSeconds +=
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
+  {
+    const ResampleEngine engine(std::move(source), estimates);
+    clock.mark("linearise");
+    engine.exportBands({size.width, size.height}, options.method, output, encodeBand, progress,
+                       cancel);
+  }
+  // The source in linear light is gone before the file is finished: TIFF
+  // holds its file more than once while its EXIF goes in.
+  const auto start = std::chrono::steady_clock::now();
+  writer->finish();
+  writer.reset();
+  result.bytes = sink.take();
+  encodeSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  clock.markInterleaved("render", "encode", encodeSeconds);
+  if (format == ExportFormat::jpeg)
+    result.jpegReport = encoding::JPEGEncoder::report(
+        options.jpeg, options.jpeg.normalized().quality, false, result.bytes);
+}
 
 }  // namespace
 
@@ -75,6 +141,12 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
         output.keepProfile ? source.colorSpace : codec::ColourSpace::forFrame({}, false);
     target.keepsAlpha = encoding::supportsAlpha(format);
     target.flattenSRGB = flattenSRGB;
+  }
+
+  if (!canvasSpec && streams(format, options)) {
+    renderStreamed(std::move(source), estimates, size, options, output, format, metadata, result,
+                   progress, cancel, clock);
+    return result;
   }
 
   codec::PixelBuffer image;

@@ -1,3 +1,5 @@
+#include "engine/resample_engine.h"
+
 #include <gtest/gtest.h>
 #include <lcms2.h>
 #include <omp.h>
@@ -8,7 +10,6 @@
 #include "engine/colour_conversion.h"
 #include "engine/engine_error.h"
 #include "engine/lanczos_resampler.h"
-#include "engine/resample_engine.h"
 
 namespace tarnbloom {
 namespace {
@@ -53,7 +54,9 @@ PixelBuffer rgb8(int w, int h, const std::function<std::array<uint8_t, 3>(int, i
   return p;
 }
 
-double srgbToLinear(double v) { return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); }
+double srgbToLinear(double v) {
+  return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+}
 
 TEST(Lanczos, KernelAndWeightsAreNormalised) {
   EXPECT_DOUBLE_EQ(LanczosResampler::kernel(0), 1.0);
@@ -84,7 +87,8 @@ TEST(Lanczos, KernelAndWeightsAreNormalised) {
 TEST(Lanczos, ReproducesTheSourceAtScaleOne) {
   const FloatImage source = randomFloatImage(37, 23, 4, 1);
   const FloatImage out = resampleWhole(source, 37, 23);
-  for (size_t i = 0; i < source.data.size(); ++i) ASSERT_NEAR(out.data[i], source.data[i], 2e-6f) << i;
+  for (size_t i = 0; i < source.data.size(); ++i)
+    ASSERT_NEAR(out.data[i], source.data[i], 2e-6f) << i;
 }
 
 TEST(Lanczos, KeepsFlatAreasFlatAndThinSourcesConstant) {
@@ -108,10 +112,12 @@ TEST(Lanczos, RefusesGeometryThatDoesNotFit) {
     LanczosResampler::resampleRGBA(source, 0, 0, 10, 10, 20, 20, 0, 18, band);
     FAIL() << "a band below the output was accepted";
   } catch (const EngineError& error) {
-    EXPECT_EQ(error.description(), "The resampler failed at the resample geometry stage (invalid input).");
+    EXPECT_EQ(error.description(),
+              "The resampler failed at the resample geometry stage (invalid input).");
   }
   // The source view starts below the rows the band needs.
-  EXPECT_THROW(LanczosResampler::resampleRGBA(source, 0, 4, 10, 14, 20, 28, 0, 0, band), EngineError);
+  EXPECT_THROW(LanczosResampler::resampleRGBA(source, 0, 4, 10, 14, 20, 28, 0, 0, band),
+               EngineError);
 }
 
 // A one-pixel black/white grating averages to half the light. Filtering the
@@ -166,7 +172,8 @@ TEST(Render, GivesTheSameBytesForAnyBandsAndThreads) {
   const PixelBuffer whole = engine.exportImage(target, ResampleMethod::exact, output);
   int64_t bands = 0;
   const PixelBuffer striped = engine.exportImage(
-      target, ResampleMethod::exact, output, [&](int64_t, int64_t total) { bands = total; }, nullptr,
+      target, ResampleMethod::exact, output, [&](int64_t, int64_t total) { bands = total; },
+      nullptr,
       /*bandBudgetOverride=*/131 * 40 * 7);
   EXPECT_GT(bands, 5);
   EXPECT_TRUE(whole.data == striped.data) << "bands must join without seams";
@@ -182,18 +189,78 @@ TEST(Render, GivesTheSameBytesForAnyBandsAndThreads) {
 
   // A preview tile is exactly that rectangle of the full render (8-bit).
   const PixelBuffer full8 = engine.exportImage(target, ResampleMethod::exact, {});
-  const PixelBuffer tile = engine.previewTile(target, {17, 29, 40, 33}, ResampleMethod::exact, true);
+  const PixelBuffer tile =
+      engine.previewTile(target, {17, 29, 40, 33}, ResampleMethod::exact, true);
   for (int y = 0; y < tile.height; ++y)
     ASSERT_TRUE(std::equal(tile.row(y), tile.row(y) + tile.rowBytes(), full8.row(y + 29) + 17 * 4));
 }
 
+// Streamed bands must be the whole render cut into rows: in order, none
+// missing, and with Clarity's context the same as on the whole image.
+TEST(Render, HandsOverBandsThatJoinIntoTheWholeExport) {
+  std::mt19937 random(5);
+  PixelBuffer noise;
+  noise.allocate(47, 38, 4, SampleFormat::uint16);
+  auto* samples = reinterpret_cast<uint16_t*>(noise.data.data());
+  for (size_t i = 0; i < noise.data.size() / 2; ++i) samples[i] = static_cast<uint16_t>(random());
+  const ResampleEngine engine(sourceFrom(std::move(noise)));
+  struct Case {
+    ResampleMethod method;
+    ResampleTarget target;
+    RenderOutput output;
+  };
+  for (const Case& c : {Case{ResampleMethod::exact, {94, 76}, {true, true, std::nullopt}},
+                        Case{ResampleMethod::exact, {131, 97}, {}},
+                        Case{ResampleMethod::clarity, {94, 76}, {true, true, std::nullopt}},
+                        Case{ResampleMethod::clarity, {119, 101}, {false, false, {{1, 1, 1}}}}}) {
+    SCOPED_TRACE(std::string(rawValue(c.method)) + " " + std::to_string(c.target.width));
+    const PixelBuffer whole = engine.exportImage(c.target, c.method, c.output);
+    // A budget of a few rows: the last band is shorter than the others.
+    const int64_t budget = c.target.width * 16 * 7;
+    PixelBuffer joined;
+    joined.allocate(whole.width, whole.height, whole.channels, whole.format);
+    int64_t next = 0, bands = 0, reported = 0;
+    engine.exportBands(
+        c.target, c.method, c.output,
+        [&](const PixelBuffer& rows, int64_t firstRow) {
+          ASSERT_EQ(firstRow, next);
+          ASSERT_EQ(rows.width, whole.width);
+          ASSERT_EQ(rows.channels, whole.channels);
+          ASSERT_EQ(rows.format, whole.format);
+          ASSERT_LE(firstRow + rows.height, whole.height);
+          std::copy(rows.row(0), rows.row(0) + rows.rowBytes() * rows.height,
+                    joined.row(static_cast<int>(firstRow)));
+          next += rows.height;
+          ++bands;
+        },
+        [&](int64_t done, int64_t) { reported = done; }, nullptr, budget);
+    EXPECT_EQ(next, whole.height);
+    EXPECT_GT(bands, 2);
+    EXPECT_EQ(reported, bands);
+    EXPECT_TRUE(joined.data == whole.data);
+  }
+
+  // A receiver that stops the render gets no band after that one.
+  std::atomic<bool> cancel = false;
+  int received = 0;
+  EXPECT_THROW(engine.exportBands(
+                   {94, 76}, ResampleMethod::exact, {},
+                   [&](const PixelBuffer&, int64_t) { cancel = ++received == 2; }, {}, &cancel,
+                   94 * 16 * 10),
+               EngineError);
+  EXPECT_EQ(received, 2);
+}
+
 TEST(Render, StopsBetweenBandsAndRefusesOversizedOutput) {
-  const ResampleEngine engine(sourceFrom(rgb8(8, 8, [](int, int) { return std::array<uint8_t, 3>{1, 2, 3}; })));
+  const ResampleEngine engine(sourceFrom(rgb8(8, 8, [](int, int) {
+    return std::array<uint8_t, 3>{1, 2, 3};
+  })));
   std::atomic<bool> cancel = false;
   int calls = 0;
   try {
-    engine.exportImage({64, 64}, ResampleMethod::exact, {},
-                       [&](int64_t, int64_t) { cancel = ++calls == 2; }, &cancel, 64 * 16 * 4);
+    engine.exportImage(
+        {64, 64}, ResampleMethod::exact, {}, [&](int64_t, int64_t) { cancel = ++calls == 2; },
+        &cancel, 64 * 16 * 4);
     FAIL() << "not cancelled";
   } catch (const EngineError& error) {
     EXPECT_EQ(error.description(), "Stopped.");
@@ -205,11 +272,13 @@ TEST(Render, StopsBetweenBandsAndRefusesOversizedOutput) {
     engine.exportImage({20000, 20001}, ResampleMethod::exact, {});
     FAIL() << "too large accepted";
   } catch (const EngineError& error) {
-    EXPECT_EQ(error.description(),
-              "This export would be 20,000 × 20,001 pixels (1.6 GB in memory), more than this version "
-              "can build. Choose a smaller scale.");
+    EXPECT_EQ(
+        error.description(),
+        "This export would be 20,000 × 20,001 pixels (1.6 GB in memory), more than this version "
+        "can build. Choose a smaller scale.");
   }
-  EXPECT_THROW(engine.exportImage({20000, 20000}, ResampleMethod::exact, {true, true, {}}), EngineError);
+  EXPECT_THROW(engine.exportImage({20000, 20000}, ResampleMethod::exact, {true, true, {}}),
+               EngineError);
   ::unsetenv("LC_ALL");
 }
 
@@ -251,7 +320,8 @@ TEST(Render, KeepsWideGamutColoursAndMatchesLcmsInSrgb) {
   const PixelBuffer srgb = engine.exportImage({32, 24}, ResampleMethod::exact, {false, false, {}});
   cmsHPROFILE from = cmsOpenProfileFromMem(p3.data(), static_cast<cmsUInt32Number>(p3.size()));
   cmsHPROFILE to = cmsCreate_sRGBProfile();
-  cmsHTRANSFORM transform = cmsCreateTransform(from, TYPE_RGB_8, to, TYPE_RGB_8, INTENT_RELATIVE_COLORIMETRIC, 0);
+  cmsHTRANSFORM transform =
+      cmsCreateTransform(from, TYPE_RGB_8, to, TYPE_RGB_8, INTENT_RELATIVE_COLORIMETRIC, 0);
   std::vector<uint8_t> expected(pixels.data.size());
   cmsDoTransform(transform, pixels.data.data(), expected.data(), 32 * 24);
   cmsDeleteTransform(transform);

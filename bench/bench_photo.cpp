@@ -1,0 +1,27 @@
+// Writes a test photo for the shell benchmarks: the bundled samples/rocket.jpg
+// (from Debian's python3-skimage) scaled to WIDTH x HEIGHT with grain, as a
+// quality-92 JPEG, so a 24-megapixel file is as large as a camera's.
+//
+//   bench_photo OUT.jpg WIDTH HEIGHT
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "bench_support.h"
+
+using namespace tarnbloom;
+
+int main(int argc, char** argv) {
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: bench_photo OUT.jpg WIDTH HEIGHT\n");
+    return 2;
+  }
+  const int width = std::atoi(argv[2]), height = std::atoi(argv[3]);
+  if (width < 1 || height < 1) {
+    std::fprintf(stderr, "bench_photo: WIDTH and HEIGHT must be at least 1\n");
+    return 2;
+  }
+  const auto photo = bench::scaledPhoto(bench::samplePhoto("rocket.jpg"), width, height, 14.0);
+  bench::writeFile(argv[1], bench::encodeJpeg(photo, 92));
+  return 0;
+}
