@@ -1,7 +1,5 @@
 #include "cli/export_session.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -81,17 +79,8 @@ ExportSession::ExportSession() : m_context(ExportContext::standard(&m_estimates)
   m_context.appVersion = TARNBLOOM_VERSION;
   m_context.appBuild = TARNBLOOM_VERSION;
   const fs::path& folder = m_context.stateFolder;
-  std::error_code error;
-  fs::create_directories(folder, error);
-  // One process at a time owns the queue file and the ledger.
-  const fs::path lock = folder / "export-queue.lock";
-  m_lockFD = ::open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  if (m_lockFD < 0) throw FileError(lock, "open", errno);
-  if (::flock(m_lockFD, LOCK_EX | LOCK_NB) != 0) {
-    std::cerr << "Waiting for another Tarnbloom export to finish…\n";
-    while (::flock(m_lockFD, LOCK_EX) != 0)
-      if (errno != EINTR) throw FileError(lock, "lock", errno);
-  }
+  m_lock = std::make_unique<StateFolderLock>(
+      folder, [] { std::cerr << "Waiting for another Tarnbloom export to finish…\n"; });
   m_queue = std::make_unique<ExportQueueStore>(folder, m_context.clock);
   m_ledger = std::make_unique<ExportOperationLedger>(folder / "Operations");
   m_controller = std::make_unique<ExportController>(m_executor, *m_queue, *m_ledger, m_context);
@@ -165,7 +154,6 @@ void ExportSession::onItemFinished(const Job& job, const Result& result) {
 
 ExportSession::~ExportSession() {
   m_controller.reset();
-  if (m_lockFD >= 0) ::close(m_lockFD);
 }
 
 void ExportSession::reportLoadFailure() const {

@@ -9,6 +9,7 @@
 #include "export/export_controller.h"
 #include "export/export_operation_ledger.h"
 #include "export/export_queue_store.h"
+#include "export/state_folder_lock.h"
 #include "support/event_loop.h"
 #include "support/executor.h"
 
@@ -49,7 +50,7 @@ class ExportSession {
   void onJobFinished(const exporting::Job& job, const exporting::JobReport& report,
                      const exporting::JobOutcome& outcome);
 
-  int m_lockFD = -1;
+  std::unique_ptr<exporting::StateFolderLock> m_lock;
   bool m_besideOriginals = false;
   int m_skippedBeforeRun = 0;
   int m_failedBeforeRun = 0;

@@ -7,10 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "cli/agent_commands.h"
 #include "cli/canvas_command.h"
 #include "cli/enlarge_command.h"
 #include "cli/exit_codes.h"
 #include "cli/info_command.h"
+#include "cli/job_follower.h"
+#include "cli/mcp_command.h"
 #include "cli/preflight_command.h"
 #include "cli/queue_command.h"
 #include "cli/recipe_command.h"
@@ -45,6 +48,13 @@ constexpr const char* kUsage =
     "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed "
     "ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
+    "  mcp                     serve AI agents over the Model Context Protocol on standard\n"
+    "                          input and output\n"
+    "  status JOB [--json]     the state of an automation job\n"
+    "  cancel JOB              cancel an automation job\n"
+    "  doctor [--json]         check that the running instance answers\n"
+    "  service [--until-idle]  run the instance that owns the export queue\n"
+    "  url URL                 hand a tarnbloom:// URL to the running instance\n"
     "\n"
     "Exit status: 0 success, 1 usage error, 2 some files failed, 3 every file failed or was "
     "refused,\n"
@@ -73,12 +83,21 @@ int main(int argc, char** argv) {
     std::cout << "tarnbloom " << TARNBLOOM_VERSION << '\n';
     return tarnbloom::cli::kExitSuccess;
   }
+  // Other programs start these two; every other command is a person's
+  // run of Tarnbloom, which completes its first-run setup.
+  if (command == "service") return tarnbloom::cli::runService(arguments);
+  if (command == "url") return tarnbloom::cli::runURL(arguments);
+  tarnbloom::cli::completeOnboarding();
+  if (command == "status") return tarnbloom::cli::runStatus(arguments);
+  if (command == "cancel") return tarnbloom::cli::runCancel(arguments);
+  if (command == "doctor") return tarnbloom::cli::runDoctor(arguments);
   if (command == "info") return tarnbloom::cli::runInfo(arguments);
   if (command == "enlarge") return tarnbloom::cli::runEnlarge(arguments);
   if (command == "queue") return tarnbloom::cli::runQueue(arguments);
   if (command == "preflight") return tarnbloom::cli::runPreflight(arguments);
   if (command == "canvas") return tarnbloom::cli::runCanvas(arguments);
   if (command == "recipe") return tarnbloom::cli::runRecipe(arguments);
+  if (command == "mcp") return tarnbloom::cli::runMcp(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;
 }

@@ -3,6 +3,8 @@
 #include <cmath>
 
 #include "agent/agent_json.h"
+#include "canvas/canvas_json.h"
+#include "export/export_job.h"
 #include "export/export_options.h"
 
 namespace tarnbloom::agent {
@@ -32,6 +34,123 @@ void checkVersion(const Json& root) {
     refuse(AgentErrorInfo::versionMismatch(),
            "schema " + (schema == root.end() ? std::string("absent") : schema->dump()) +
                ", protocol " + (protocol == root.end() ? std::string("absent") : protocol->dump()));
+}
+
+std::string_view rawValue(AgentReceipts receipts) {
+  return receipts == AgentReceipts::beside ? "beside" : "store";
+}
+
+template <typename Value>
+std::optional<Value> optionalRaw(const ObjectReader& fields, std::string_view key,
+                                 std::optional<Value> (*fromRaw)(std::string_view)) {
+  const auto text = fields.optionalString(key);
+  if (!text) return std::nullopt;
+  const auto value = fromRaw(*text);
+  if (!value)
+    fields.fail("“" + *text + "” at " + fields.path(key) + " is not a value this version knows.");
+  return value;
+}
+
+std::optional<AgentReceipts> receiptsFromRawValue(std::string_view text) {
+  if (text == "beside") return AgentReceipts::beside;
+  if (text == "store") return AgentReceipts::store;
+  return std::nullopt;
+}
+
+// The canvas object as canvas::canvasJson writes it; `raw` is the object
+// `fields` reads. Unknown keys are refused here, the shape by the canvas
+// reader itself.
+canvas::Canvas readCanvas(const ObjectReader& fields, const Json& raw, std::string_view where) {
+  fields.refuseUnknownKeys({"mode", "width", "height", "fill", "crop_rect"});
+  if (const auto fill = fields.optionalObject("fill")) fill->refuseUnknownKeys({"kind", "value"});
+  if (const auto rect = fields.optionalObject("crop_rect"))
+    rect->refuseUnknownKeys({"x", "y", "w", "h"});
+  const auto canvas = canvas::canvasFromJson(raw);
+  if (!canvas) fields.fail("The canvas at " + std::string(where) + " is incomplete or mistyped.");
+  return *canvas;
+}
+
+canvas::CanvasConfirmation readConfirmation(const ObjectReader& fields, const Json& raw) {
+  fields.refuseUnknownKeys({"source_sha256", "resampled_width", "resampled_height", "canvas",
+                            "format", "fingerprint", "subject_centre"});
+  if (fields.has("canvas"))
+    readCanvas(fields.object("canvas"), raw.at("canvas"), fields.path("canvas"));
+  const auto confirmation = canvas::confirmationFromJson(raw);
+  if (!confirmation)
+    fields.fail(
+        "The canvas confirmation at settings.canvas_confirmation is malformed or does not match "
+        "its fingerprint.");
+  return *confirmation;
+}
+
+AgentExportSettings readSettings(const ObjectReader& fields, const Json& raw) {
+  fields.refuseUnknownKeys({"max_kb", "profile", "icc", "exif", "xmp", "gps", "flatten", "canvas",
+                            "canvas_confirmation", "receipts", "allow_8bit"});
+  AgentExportSettings settings;
+  settings.maxKB = fields.optionalInteger("max_kb");
+  settings.profile = optionalRaw(fields, "profile", encoding::profilePolicyFromRawValue);
+  settings.icc = optionalRaw(fields, "icc", encoding::metadataToggleFromRawValue);
+  settings.exif = optionalRaw(fields, "exif", encoding::metadataToggleFromRawValue);
+  settings.xmp = optionalRaw(fields, "xmp", encoding::metadataToggleFromRawValue);
+  settings.gps = optionalRaw(fields, "gps", encoding::metadataToggleFromRawValue);
+  settings.flatten = fields.optionalString("flatten");
+  if (const auto canvas = fields.optionalObject("canvas"))
+    settings.canvas = readCanvas(*canvas, raw.at("canvas"), fields.path("canvas"));
+  if (const auto confirmation = fields.optionalObject("canvas_confirmation"))
+    settings.canvasConfirmation = readConfirmation(*confirmation, raw.at("canvas_confirmation"));
+  settings.receipts = optionalRaw(fields, "receipts", receiptsFromRawValue);
+  settings.allow8Bit = fields.optionalBoolean("allow_8bit");
+  return settings;
+}
+
+OrderedJson encodeSettings(const AgentExportSettings& settings) {
+  OrderedJson object = OrderedJson::object();
+  if (settings.maxKB) object["max_kb"] = *settings.maxKB;
+  if (settings.profile) object["profile"] = encoding::rawValue(*settings.profile);
+  if (settings.icc) object["icc"] = encoding::rawValue(*settings.icc);
+  if (settings.exif) object["exif"] = encoding::rawValue(*settings.exif);
+  if (settings.xmp) object["xmp"] = encoding::rawValue(*settings.xmp);
+  if (settings.gps) object["gps"] = encoding::rawValue(*settings.gps);
+  if (settings.flatten) object["flatten"] = *settings.flatten;
+  if (settings.canvas) object["canvas"] = canvas::canvasJson(*settings.canvas);
+  if (settings.canvasConfirmation)
+    object["canvas_confirmation"] = canvas::confirmationJson(*settings.canvasConfirmation);
+  if (settings.receipts) object["receipts"] = rawValue(*settings.receipts);
+  if (settings.allow8Bit) object["allow_8bit"] = *settings.allow8Bit;
+  return object;
+}
+
+AgentErrorInfo invalidSetting(std::string message) {
+  return {AgentErrorCode::invalidArgument, std::move(message)};
+}
+
+bool isHexColour(std::string_view text) {
+  return text.size() == 7 && text[0] == '#' &&
+         text.find_first_not_of("0123456789abcdefABCDEF", 1) == std::string_view::npos;
+}
+
+// The rules the command line's --canvas, --fill and --crop apply, on the
+// canvas object: whole pixels, a colour fill as #RRGGBB, and a crop that is
+// exactly the canvas with nothing to fill.
+void validateCanvas(const canvas::Canvas& canvas) {
+  constexpr int64_t kMaxSide = 1'000'000, kMaxOrigin = 1'000'000'000;
+  if (canvas.width < 1 || canvas.height < 1 || canvas.width > kMaxSide || canvas.height > kMaxSide)
+    refuse(invalidSetting("settings.canvas needs a width and a height from 1 to 1000000 pixels."));
+  if (canvas.fill && canvas.fill->kind == canvas::CanvasFill::Kind::colour &&
+      !isHexColour(canvas.fill->value))
+    refuse(invalidSetting("settings.canvas fill takes transparent or a colour #RRGGBB."));
+  const bool crop = canvas.mode == canvas::CanvasMode::crop;
+  if (canvas.cropRect && !crop)
+    refuse(invalidSetting("settings.canvas has a crop_rect, which only a crop canvas takes."));
+  if (!crop) return;
+  const auto& rect = canvas.cropRect;
+  if (!rect || rect->x < 0 || rect->y < 0 || rect->x > kMaxOrigin || rect->y > kMaxOrigin ||
+      rect->w != canvas.width || rect->h != canvas.height)
+    refuse(invalidSetting(
+        "settings.canvas crop needs a crop_rect of the canvas's size at a whole-pixel origin of "
+        "at least 0."));
+  if (canvas.fill)
+    refuse(invalidSetting("A crop fills the whole canvas: settings.canvas takes no fill with it."));
 }
 
 }  // namespace
@@ -84,6 +203,7 @@ std::string encodeRequest(const AgentRequest& request) {
   if (request.useAppSettings) root["use_app_settings"] = *request.useAppSettings;
   if (request.dryRun) root["dry_run"] = *request.dryRun;
   if (request.notify) root["notify"] = *request.notify;
+  if (request.settings) root["settings"] = encodeSettings(*request.settings);
   return detail::dumpDocument(root, true);
 }
 
@@ -93,10 +213,10 @@ AgentRequest decodeRequest(std::span<const std::byte> bytes) {
 
   const ObjectReader fields(root, "", DocumentKind::request);
   fields.refuseUnknownKeys(
-      {"schema",  "protocol", "job",  "command",   "created_at", "target_job",
-       "sources", "recipe",   "size", "method",    "strength",   "format",
-       "quality", "out",      "name", "recursive", "if_exists",  "use_app_settings",
-       "dry_run", "notify"});
+      {"schema",  "protocol", "job",     "command",   "created_at", "target_job",
+       "sources", "recipe",   "size",    "method",    "strength",   "format",
+       "quality", "out",      "name",    "recursive", "if_exists",  "use_app_settings",
+       "dry_run", "notify",   "settings"});
   AgentRequest request;
   request.job = fields.string("job");
   request.command = fields.enumeration<AgentCommand>("command");
@@ -127,6 +247,8 @@ AgentRequest decodeRequest(std::span<const std::byte> bytes) {
   request.useAppSettings = fields.optionalBoolean("use_app_settings");
   request.dryRun = fields.optionalBoolean("dry_run");
   request.notify = fields.optionalBoolean("notify");
+  if (const auto settings = fields.optionalObject("settings"))
+    request.settings = readSettings(*settings, root.at("settings"));
   return request;
 }
 
@@ -201,9 +323,52 @@ void validateNameTemplate(std::string_view name) {
 void validateRecipeRunRequest(const AgentRequest& request) {
   // An empty name could never match a recipe; it is as good as none.
   if (!request.recipe || request.recipe->empty()) refuse(AgentErrorInfo::recipeRunNeedsRecipe());
+  // Receipts and the 16-bit confirmation are about the run, not the look
+  // of its outputs, so a recipe run takes them.
+  const auto& settings = request.settings;
+  const bool settingsDecideLook =
+      settings &&
+      (settings->maxKB || settings->profile || settings->icc || settings->exif || settings->xmp ||
+       settings->gps || settings->flatten || settings->canvas || settings->canvasConfirmation);
   if (request.size || request.method || request.strength || request.format || request.quality ||
-      request.name)
+      request.name || settingsDecideLook)
     refuse(AgentErrorInfo::recipeRunTakesRecipeAndSourcesOnly());
+}
+
+void applySettings(const AgentExportSettings& settings, exporting::JobDescription& description) {
+  exporting::ExportOptions& options = description.options;
+  if (settings.maxKB) {
+    if (*settings.maxKB < 1 || *settings.maxKB > 1'000'000'000)
+      refuse(invalidSetting("settings.max_kb must be a whole number of kilobytes, at least 1."));
+    options.jpeg.maxBytes = *settings.maxKB * 1000;
+  }
+  encoding::ColourPolicy& policy = options.colourPolicy;
+  if (settings.profile) policy.profile = *settings.profile;
+  if (settings.icc) policy.icc = *settings.icc;
+  if (settings.exif) policy.exif = *settings.exif;
+  if (settings.xmp) policy.xmp = *settings.xmp;
+  if (settings.gps) policy.gps = *settings.gps;
+  if (settings.flatten) {
+    try {
+      policy.flatten = encoding::ColourPolicy::canonicalFlattenColour(*settings.flatten);
+    } catch (const encoding::ColourPolicyError& error) {
+      refuse(invalidSetting(error.description()));
+    }
+  }
+  if (settings.canvas) {
+    validateCanvas(*settings.canvas);
+    options.canvas = settings.canvas;
+  }
+  if (settings.canvasConfirmation) {
+    if (!options.canvas || options.canvas->mode == canvas::CanvasMode::exact)
+      refuse(invalidSetting(
+          "settings.canvas_confirmation confirms a crop or suggested framing: give it with that "
+          "settings.canvas."));
+    options.canvasConfirmation = settings.canvasConfirmation;
+  }
+  if (settings.receipts)
+    description.receiptsBesideExports = *settings.receipts == AgentReceipts::beside;
+  if (settings.allow8Bit) description.confirmed16BitReduction = *settings.allow8Bit;
 }
 
 }  // namespace tarnbloom::agent

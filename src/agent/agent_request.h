@@ -9,12 +9,15 @@
 #include <vector>
 
 #include "agent/agent_protocol.h"
+#include "canvas/canvas.h"
+#include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "engine/resample_method.h"
 #include "support/iso_time.h"
 
 namespace tarnbloom::exporting {
 struct ExportOptions;
+struct JobDescription;
 }
 
 namespace tarnbloom::agent {
@@ -36,6 +39,30 @@ struct AgentSize {
   std::optional<int64_t> height;
 
   bool operator==(const AgentSize&) const = default;
+};
+
+// Where an export's receipt goes: beside the exported file, or into the
+// state folder's receipts.
+enum class AgentReceipts { beside, store };
+
+// Export settings beyond the protocol's own keys, which the command-line
+// tool's flags need: written as the object `settings`. Absent keys keep
+// the base options.
+struct AgentExportSettings {
+  std::optional<int64_t> maxKB;  // max_kb: JPEG ceiling, 1 KB = 1000 bytes
+  std::optional<encoding::ProfilePolicy> profile;
+  std::optional<encoding::MetadataToggle> icc;
+  std::optional<encoding::MetadataToggle> exif;
+  std::optional<encoding::MetadataToggle> xmp;
+  std::optional<encoding::MetadataToggle> gps;
+  std::optional<std::string> flatten;  // "white", "black" or "#RRGGBB"
+  std::optional<canvas::Canvas> canvas;
+  std::optional<canvas::CanvasConfirmation> canvasConfirmation;
+  std::optional<AgentReceipts> receipts;
+  // allow_8bit: someone confirmed reducing 16-bit sources to 8-bit formats.
+  std::optional<bool> allow8Bit;
+
+  bool operator==(const AgentExportSettings&) const = default;
 };
 
 // A request as another program wrote it. Absent keys stay absent, so that
@@ -62,6 +89,7 @@ struct AgentRequest {
   std::optional<bool> useAppSettings;
   std::optional<bool> dryRun;
   std::optional<bool> notify;
+  std::optional<AgentExportSettings> settings;
 
   bool operator==(const AgentRequest&) const = default;
 };
@@ -108,7 +136,13 @@ void validateQuality(int64_t quality, std::optional<encoding::ExportFormat> effe
 // A file-name template: not empty, no "/".
 void validateNameTemplate(std::string_view name);
 // A recipe run names a recipe and takes no size, method, strength, format,
-// quality or name: the recipe decides those.
+// quality or name: the recipe decides those. Of `settings` it takes only
+// receipts and allow_8bit.
 void validateRecipeRunRequest(const AgentRequest& request);
+// The settings written into the options and the job's description, after
+// the protocol's own keys: max_kb a whole number from 1 to 10^9, flatten a
+// colour the colour policy accepts, a canvas the composer can use, and a
+// canvas confirmation only with a crop or suggested framing.
+void applySettings(const AgentExportSettings& settings, exporting::JobDescription& description);
 
 }  // namespace tarnbloom::agent

@@ -43,6 +43,8 @@ OrderedJson encodeItem(const AgentItem& item) {
   object["ai_detail"] = item.aiDetail;
   if (item.receipt) object["receipt"] = *item.receipt;
   object["error"] = item.error ? encodeError(*item.error) : OrderedJson(nullptr);
+  if (item.progress) object["progress"] = *item.progress;
+  if (!item.notes.empty()) object["notes"] = item.notes;
   return object;
 }
 
@@ -130,6 +132,12 @@ AgentItem readItem(const ObjectReader& fields) {
   if (!fields.contains("error"))
     fields.fail("The required key " + fields.path("error") + " is missing.");
   item.error = optionalError(fields, "error");
+  item.progress = fields.optionalNumber("progress");
+  if (const auto* notes = fields.optionalArray("notes"))
+    for (const auto& note : *notes) {
+      if (!note.is_string()) fields.fail(fields.path("notes") + " holds something other than text.");
+      item.notes.push_back(note.get<std::string>());
+    }
   return item;
 }
 

@@ -51,6 +51,12 @@ struct AgentItem {
   std::optional<std::string> receipt;
   // Written as null when the item has none.
   std::optional<AgentErrorInfo> error;
+  // Additions of ours that readers of protocol 1 may ignore: how far a
+  // running item's render is (0...1), and what the export had to say
+  // beyond its state (the JPEG quality used, advisories, a failure's
+  // reason), for people reading along.
+  std::optional<double> progress;
+  std::vector<std::string> notes;
 
   bool operator==(const AgentItem&) const = default;
 };

@@ -1,5 +1,6 @@
 #include "export/export_controller.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -325,8 +326,44 @@ void ExportController::requestStop() {
     return;
   }
   m_held = true;
+  m_cancelOnly = false;
   if (m_stop.exchange(true)) return;
   emit(events::StopRequested{});
+}
+
+bool ExportController::cancelJob(const std::string& jobID) {
+  if (m_active && m_active->id == jobID) {
+    if (!m_stop.exchange(true)) m_cancelOnly = true;
+    return true;
+  }
+  const auto waiting = std::find_if(m_waiting.begin(), m_waiting.end(),
+                                    [&](const auto& job) { return job->id == jobID; });
+  if (waiting == m_waiting.end()) return false;
+  const std::unique_ptr<Job> job = std::move(*waiting);
+  m_waiting.erase(waiting);
+  JobReport report;
+  report.stopped = true;
+  report.deferred = job->description.deferredCount;
+  for (const auto& item : job->items) {
+    report.declined.push_back(item.url);
+    if (!job->oneRunOnly)
+      m_queue.markUnsaved(job->id, item.id, ExportQueueItemState::stopped);
+  }
+  if (!job->oneRunOnly) {
+    // Should the save fail, the items stay pending in the file and the
+    // report says why; a later resume may run them.
+    try {
+      m_queue.commit();
+    } catch (const ExportQueueError& error) {
+      report.halt = "Couldn’t update this export. " + errorText(error);
+    }
+  }
+  const JobOutcome outcome = JobOutcome::of(report);
+  if (job->agent && job->agent->onReport) job->agent->onReport(report);
+  emit(events::JobFinished{job.get(), &report, outcome});
+  if (job->onFinished) job->onFinished(outcome);
+  if (!hasWork()) emit(events::Drained{});
+  return true;
 }
 
 void ExportController::stopAndWait() {
@@ -354,6 +391,7 @@ void ExportController::pump() {
   m_publishing = 0;
   m_haltText.reset();
   m_stop = false;
+  m_cancelOnly = false;
   m_halted = false;
   advance();
 }
@@ -792,6 +830,7 @@ void ExportController::finishJob() {
   m_report.stopped = m_stop;
   m_report.halt = m_haltText;
   if (m_halted) m_held = true;
+  if (m_cancelOnly && !m_halted) m_held = false;
   const JobOutcome outcome = JobOutcome::of(m_report);
   const std::unique_ptr<Job> finished = std::move(m_active);
   const JobReport report = std::move(m_report);

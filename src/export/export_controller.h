@@ -127,6 +127,10 @@ class ExportController {
   void requestStop();
   // The same, then runs the owner's tasks until the job has ended.
   void stopAndWait();
+  // Cancels one job: a waiting one ends at once with every item stopped, a
+  // running one stops after its current step. Unlike requestStop, jobs
+  // behind it go on. False when no such job is waiting or running.
+  bool cancelJob(const std::string& jobID);
   bool busy() const { return m_active != nullptr; }
   // Whether anything is running or about to: a Drained event will follow.
   bool hasWork() const { return busy() || (!m_waiting.empty() && !m_held); }
@@ -197,6 +201,8 @@ class ExportController {
   bool m_interrupted = false;  // a simulated crash: nothing more is recorded
   // Read by the lanes between steps.
   std::atomic<bool> m_stop{false};
+  // The stop was a cancel of the active job alone: nothing is held after it.
+  bool m_cancelOnly = false;
   std::atomic<bool> m_halted{false};
   // Completed in the queue's memory, not yet saved; their records stay
   // until a save.

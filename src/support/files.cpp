@@ -107,10 +107,11 @@ MappedFile::~MappedFile() {
   if (m_data) ::munmap(m_data, m_size);
 }
 
-AtomicFileWriter::AtomicFileWriter(std::filesystem::path target) : m_target(std::move(target)) {
+AtomicFileWriter::AtomicFileWriter(std::filesystem::path target, mode_t mode)
+    : m_target(std::move(target)) {
   const auto folder = m_target.has_parent_path() ? m_target.parent_path() : ".";
   m_temporary = folder / ("." + m_target.filename().string() + "." + makeUuid() + ".tmp");
-  m_fd = ::open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  m_fd = ::open(m_temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (m_fd < 0) throw FileError(m_target, "write", errno);
 }
 

@@ -114,7 +114,9 @@ enum class Durability { durable, ordered };
 // the temporary file.
 class AtomicFileWriter {
  public:
-  explicit AtomicFileWriter(std::filesystem::path target);
+  // `mode` (before the umask) is the published file's: the temporary file is
+  // created with it, so private content is never readable by others.
+  explicit AtomicFileWriter(std::filesystem::path target, mode_t mode = 0644);
   ~AtomicFileWriter();
   AtomicFileWriter(const AtomicFileWriter&) = delete;
   AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;

@@ -1,0 +1,212 @@
+#include "agent/agent_host.h"
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+
+#include "agent/agent_inbox.h"
+#include "agent/agent_paths.h"
+#include "agent/agent_url.h"
+#include "agent/instance_channel.h"
+#include "support/event_loop.h"
+#include "support/files.h"
+#include "support/settings.h"
+
+extern char** environ;
+
+namespace tarnbloom::agent {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::atomic<bool> g_terminate{false};
+
+void onTerminate(int) { g_terminate = true; }
+
+}  // namespace
+
+AgentHost::AgentHost(Loop loop, fs::path stateFolder, Options options)
+    : m_loop(std::move(loop)),
+      m_stateFolder(std::move(stateFolder)),
+      m_options(std::move(options)),
+      m_estimates(EstimateEngine::configuredURL()),
+      m_context(exporting::ExportContext::standard(&m_estimates)) {
+  m_context.appVersion = m_options.app.version;
+  m_context.appBuild = m_options.app.build;
+  m_lock = std::make_unique<exporting::StateFolderLock>(m_context.stateFolder);
+  m_queue = std::make_unique<exporting::ExportQueueStore>(m_context.stateFolder, m_context.clock);
+  m_ledger = std::make_unique<exporting::ExportOperationLedger>(m_context.stateFolder / "Operations");
+  m_controller = std::make_unique<exporting::ExportController>(m_loop.executor, *m_queue, *m_ledger,
+                                                               m_context);
+  // What a killed run left is settled before anything new is planned, so
+  // that finished files are never exported again.
+  const auto recovery = m_queue->recoverInterruptedWork(*m_ledger);
+  if (m_options.log)
+    for (const auto& text : recovery.leftOut) m_options.log(text);
+
+  AgentJobService::Configuration configuration;
+  configuration.app = m_options.app;
+  configuration.stateFolder = m_stateFolder;
+  configuration.now = [] { return std::chrono::system_clock::now(); };
+  configuration.backend = AgentExportBackend::live(*m_controller);
+  configuration.makeResolverEnvironment = [this] {
+    return AgentRequestResolver::Environment::live(m_stateFolder, m_options.app,
+                                                   m_controller->reservedOutputs());
+  };
+  configuration.startTimer = m_loop.startTimer;
+  configuration.postFinished = [this](const AgentResult& result) { notifyUser(result); };
+  configuration.log = m_options.log;
+  m_jobs = std::make_unique<AgentJobService>(std::move(configuration));
+  m_controller->subscribe([this](const exporting::ExportEvent& event) {
+    m_jobs->apply(event);
+    if (std::holds_alternative<exporting::events::Drained>(event)) scheduleIdleCheck();
+  });
+  m_jobs->reconcileInterrupted(*m_queue);
+  const size_t removed = m_jobs->collectGarbage();
+  if (removed > 0 && m_options.log)
+    m_options.log("agent: removed " + std::to_string(removed) + " files older than a day");
+  m_handler = std::make_unique<AgentURLHandler>(handlerDependencies());
+  m_lastActivity = std::chrono::steady_clock::now();
+  scheduleIdleCheck();
+}
+
+AgentHost::~AgentHost() {
+  m_handler.reset();
+  m_controller.reset();
+}
+
+AgentURLHandler::Dependencies AgentHost::handlerDependencies() {
+  AgentURLHandler::Dependencies d;
+  d.inboxDirectory = AgentPaths::inboxDirectory(m_stateFolder);
+  d.effectiveUID = static_cast<uint32_t>(::geteuid());
+  d.onboardingDone = [] {
+    return Settings::loadDefault().boolean("onboarding.completed").value_or(false);
+  };
+  d.outboxExists = [this](const std::string& jobID) { return m_jobs->hasOutbox(jobID); };
+  d.submit = [this](const AgentRequest& request, bool launchedForWork,
+                    std::function<void(const AgentResult&)> completion) {
+    m_jobs->submit(request, launchedForWork, std::move(completion));
+  };
+  d.cancel = [this](const std::string& jobID) { return m_jobs->cancel(jobID); };
+  d.reject = [this](const std::string& jobID, const std::optional<AgentRequest>& request,
+                    AgentErrorCode code, const std::string& message) {
+    m_jobs->reject(jobID, request, code, message);
+  };
+  d.notify = [this](const AgentResult& result) { notifyUser(result); };
+  d.quitIfIdle = [this] { scheduleIdleCheck(); };
+  d.log = [this](const std::string& text) {
+    if (m_options.log) m_options.log(text);
+  };
+  d.answerInfo = [this](const AgentRequest& request) { m_jobs->answerInfo(request); };
+  d.now = [] { return std::chrono::system_clock::now(); };
+  return d;
+}
+
+std::string AgentHost::receive(const std::string& message) {
+  m_lastActivity = std::chrono::steady_clock::now();
+  if (message == "ping") return "ok";
+  m_handler->handleURL(message, m_options.untilIdle);
+  scheduleIdleCheck();
+  return "ok";
+}
+
+bool AgentHost::idle() const { return m_jobs->idle() && !m_controller->hasWork(); }
+
+void AgentHost::scheduleIdleCheck() {
+  if (!m_options.untilIdle || m_idleCheckPending) return;
+  m_idleCheckPending = true;
+  m_loop.startTimer(m_options.idleGrace, [this] {
+    m_idleCheckPending = false;
+    if (!idle()) return;  // the next Drained schedules another check
+    if (std::chrono::steady_clock::now() - m_lastActivity < m_options.idleGrace) {
+      scheduleIdleCheck();
+      return;
+    }
+    m_loop.quit();
+  });
+}
+
+void AgentHost::notifyUser(const AgentResult& result) {
+  // Desktop notifications need a session bus; a headless run has none.
+  if (!std::getenv("DBUS_SESSION_BUS_ADDRESS")) return;
+  const auto& counts = result.counts;
+  std::string body = std::to_string(counts.completed) + " enlarged";
+  if (counts.skipped > 0) body += ", " + std::to_string(counts.skipped) + " skipped";
+  if (counts.failed > 0) body += ", " + std::to_string(counts.failed) + " failed";
+  if (result.error) body += ". " + result.error->message;
+  const char* arguments[] = {"notify-send", "--app-name=Tarnbloom", "Tarnbloom", body.c_str(),
+                             nullptr};
+  pid_t child = -1;
+  if (::posix_spawnp(&child, "notify-send", nullptr, nullptr,
+                     const_cast<char* const*>(arguments), environ) != 0)
+    return;
+  // Reaped at once: notify-send returns as soon as the bus took it.
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
+int runHeadlessService(const fs::path& stateFolder, bool untilIdle, AgentAppInfo app) {
+  EventLoop loop;
+  LoopExecutor executor(loop, exporting::ExportController::kLanes);
+  std::unique_ptr<AgentHost> host;
+  // Messages taken but not yet handled: an idle instance must not quit
+  // with one of them in hand.
+  std::atomic<int> pending{0};
+  auto owner = InstanceOwner::claim(
+      InstanceAddress::forStateFolder(stateFolder),
+      [&loop, &host, &pending](const std::string& line) {
+        ++pending;
+        // The listener never waits for the loop, so that stopping it can
+        // never wait on a loop that no longer runs.
+        loop.post([&host, &pending, line] {
+          host->receive(line);
+          --pending;
+        });
+        return std::string("ok");
+      });
+  if (!owner) return 0;  // another instance owns the folder
+  AgentHost::Options options;
+  options.app = std::move(app);
+  options.untilIdle = untilIdle;
+  options.log = [](const std::string& text) { std::cerr << "tarnbloom service: " << text << '\n'; };
+  AgentHost::Loop hostLoop{
+      executor,
+      [&loop](std::chrono::milliseconds delay, std::function<void()> task) {
+        loop.postAt(EventLoop::Clock::now() + delay, std::move(task));
+      },
+      [&loop, &pending] {
+        if (pending == 0) loop.quit();
+      }};
+  host = std::make_unique<AgentHost>(hostLoop, stateFolder, options);
+  g_terminate = false;
+  std::signal(SIGTERM, onTerminate);
+  std::signal(SIGINT, onTerminate);
+  // A signal handler cannot touch the controller: the loop looks.
+  std::function<void()> watchSignals = [&] {
+    if (g_terminate.exchange(false)) {
+      host->controller().requestStop();
+      loop.quit();
+      return;
+    }
+    loop.postAt(EventLoop::Clock::now() + std::chrono::milliseconds(200), watchSignals);
+  };
+  watchSignals();
+  loop.run();
+  // No more messages; those already taken are handled, and work they
+  // started is finished before the instance goes.
+  owner.reset();
+  loop.runUntil([&] { return pending == 0; });
+  loop.runUntil([&] { return host->idle() || !host->controller().hasWork(); });
+  host->controller().stopAndWait();
+  host.reset();
+  return 0;
+}
+
+}  // namespace tarnbloom::agent

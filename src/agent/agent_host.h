@@ -1,0 +1,88 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "agent/agent_job_service.h"
+#include "agent/agent_result.h"
+#include "agent/agent_url_handler.h"
+#include "engine/estimate_engine.h"
+#include "export/export_context.h"
+#include "export/export_controller.h"
+#include "export/export_operation_ledger.h"
+#include "export/export_queue_store.h"
+#include "export/state_folder_lock.h"
+#include "support/executor.h"
+
+namespace tarnbloom::agent {
+
+// What the instance that owns a state folder runs: the export controller,
+// the agent job service and the URL handler, on the owner's loop. The
+// headless service hosts it on an EventLoop; the desktop application will
+// host it on Qt's.
+class AgentHost {
+ public:
+  struct Loop {
+    Executor& executor;
+    // Runs `task` once on the owner's thread after `delay`.
+    std::function<void(std::chrono::milliseconds, std::function<void()>)> startTimer;
+    // Ends the owner's loop (a headless instance started for work, idle).
+    std::function<void()> quit;
+  };
+  struct Options {
+    AgentAppInfo app;
+    // Started by a caller that wanted work done: quit once idle.
+    bool untilIdle = false;
+    // How long an idle instance started for work waits for more.
+    std::chrono::milliseconds idleGrace{3000};
+    std::function<void(const std::string&)> log;
+  };
+
+  // Takes the state folder (waiting while a command that exports in
+  // process holds it), recovers what a previous run left, and finishes the
+  // documents of agent jobs it interrupted. Throws FileError.
+  AgentHost(Loop loop, std::filesystem::path stateFolder, Options options);
+  ~AgentHost();
+  AgentHost(const AgentHost&) = delete;
+  AgentHost& operator=(const AgentHost&) = delete;
+
+  // A message from another process, on the owner's thread: a
+  // tarnbloom:// URL, or "ping". Returns the reply line.
+  std::string receive(const std::string& message);
+
+  bool idle() const;
+  exporting::ExportController& controller() { return *m_controller; }
+  AgentJobService& jobs() { return *m_jobs; }
+
+ private:
+  AgentURLHandler::Dependencies handlerDependencies();
+  // Schedules a check that quits an instance started for work once it has
+  // had nothing to do for the grace period.
+  void scheduleIdleCheck();
+  void notifyUser(const AgentResult& result);
+
+  Loop m_loop;
+  std::filesystem::path m_stateFolder;
+  Options m_options;
+  EstimateEngine m_estimates;
+  exporting::ExportContext m_context;
+  std::unique_ptr<exporting::StateFolderLock> m_lock;
+  std::unique_ptr<exporting::ExportQueueStore> m_queue;
+  std::unique_ptr<exporting::ExportOperationLedger> m_ledger;
+  std::unique_ptr<exporting::ExportController> m_controller;
+  std::unique_ptr<AgentJobService> m_jobs;
+  std::unique_ptr<AgentURLHandler> m_handler;
+  std::chrono::steady_clock::time_point m_lastActivity;
+  bool m_idleCheckPending = false;
+};
+
+// `tarnbloom service`: claims the instance of the state folder and serves
+// until SIGTERM/SIGINT, or, with `untilIdle`, until idle. Returns 0, or 0
+// at once when another instance already owns the folder. Throws Error.
+int runHeadlessService(const std::filesystem::path& stateFolder, bool untilIdle,
+                       AgentAppInfo app);
+
+}  // namespace tarnbloom::agent
