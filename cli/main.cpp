@@ -11,6 +11,7 @@
 #include "cli/canvas_command.h"
 #include "cli/enlarge_command.h"
 #include "cli/exit_codes.h"
+#include "cli/help_option.h"
 #include "cli/info_command.h"
 #include "cli/job_follower.h"
 #include "cli/mcp_command.h"
@@ -87,7 +88,9 @@ int main(int argc, char** argv) {
   // run of Tarnbloom, which completes its first-run setup.
   if (command == "service") return tarnbloom::cli::runService(arguments);
   if (command == "url") return tarnbloom::cli::runURL(arguments);
-  tarnbloom::cli::completeOnboarding();
+  // Reading a command's usage (the manual page is built that way) is not
+  // a run.
+  if (!tarnbloom::cli::wantsHelp(arguments)) tarnbloom::cli::completeOnboarding();
   if (command == "status") return tarnbloom::cli::runStatus(arguments);
   if (command == "cancel") return tarnbloom::cli::runCancel(arguments);
   if (command == "doctor") return tarnbloom::cli::runDoctor(arguments);

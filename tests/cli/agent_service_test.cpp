@@ -54,7 +54,6 @@ struct Instance {
     request["schema"] = "com.tarnbloom.agent.request/1";
     request["protocol"] = 1;
     request["job"] = id;
-    request["created_at"] = "2026-01-01T00:00:00Z";
     std::time_t now = std::time(nullptr);
     char stamp[32];
     std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&now));
@@ -63,6 +62,19 @@ struct Instance {
     testing::writeText(home / "Agent" / "inbox" / (std::string(id) + ".json"), request.dump());
     EXPECT_EQ(run("url 'tarnbloom://agent?job=" + std::string(id) + "'"), 0);
     return id;
+  }
+
+  fs::path outputFolder() const {
+    fs::create_directories(dir / "out");
+    return dir / "out";
+  }
+  std::vector<fs::path> photos(int count) const {
+    std::vector<fs::path> files;
+    for (int i = 0; i < count; ++i) {
+      files.push_back(dir / ("cat" + std::to_string(i) + ".png"));
+      fs::copy_file(testing::samplePath("chelsea.png"), files.back());
+    }
+    return files;
   }
 
   fs::path outbox(const std::string& job) const {
@@ -131,13 +143,8 @@ TEST(AgentService, AForeignRequestExportsWithReceiptsAndARepeatedURLRunsNothingA
 
 TEST(AgentService, AKilledServiceLeavesAJobTheNextInstanceFinishesTruthfully) {
   Instance instance;
-  const fs::path out = instance.dir / "out";
-  fs::create_directories(out);
-  std::vector<fs::path> photos;
-  for (int i = 0; i < 6; ++i) {
-    photos.push_back(instance.dir / ("cat" + std::to_string(i) + ".png"));
-    fs::copy_file(testing::samplePath("chelsea.png"), photos.back());
-  }
+  const fs::path out = instance.outputFolder();
+  const auto photos = instance.photos(6);
   json request = enlargeRequest(photos, out);
   request["size"] = {{"mode", "x8"}};
   request["method"] = "clarity";
@@ -175,13 +182,8 @@ TEST(AgentService, AKilledServiceLeavesAJobTheNextInstanceFinishesTruthfully) {
 
 TEST(AgentService, ACancelledJobEndsCancelledAndKeepsWhatFinished) {
   Instance instance;
-  const fs::path out = instance.dir / "out";
-  fs::create_directories(out);
-  std::vector<fs::path> photos;
-  for (int i = 0; i < 6; ++i) {
-    photos.push_back(instance.dir / ("cat" + std::to_string(i) + ".png"));
-    fs::copy_file(testing::samplePath("chelsea.png"), photos.back());
-  }
+  const fs::path out = instance.outputFolder();
+  const auto photos = instance.photos(6);
   json request = enlargeRequest(photos, out);
   request["size"] = {{"mode", "x8"}};
   const std::string job = instance.submit(request);
