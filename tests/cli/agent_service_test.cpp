@@ -149,9 +149,19 @@ TEST(AgentService, AKilledServiceLeavesAJobTheNextInstanceFinishesTruthfully) {
   request["size"] = {{"mode", "x8"}};
   request["method"] = "clarity";
   const std::string job = instance.submit(request);
-  // Killed once the first file is out, while the rest are still to come.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (testing::filesIn(out).empty() && std::chrono::steady_clock::now() < deadline)
+  // Killed once the document says the first file is published, while the
+  // rest are still to come (a staging file in the folder is not enough).
+  const auto published = [&] {
+    std::error_code error;
+    if (!fs::exists(instance.outbox(job), error)) return false;
+    const json document = json::parse(testing::readText(instance.outbox(job)), nullptr, false);
+    if (document.is_discarded()) return false;
+    for (const auto& item : document["items"])
+      if (item["state"] == "completed") return true;
+    return false;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(2);
+  while (!published() && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   instance.stop();
 
