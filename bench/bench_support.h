@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -33,6 +35,12 @@ double timeCommand(const std::string& command);
 
 // Peak resident memory of this process so far, in MiB.
 double peakRssMiB();
+
+// The middle value: one slow run (a flush, another process) moves it little.
+inline double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
 
 inline double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

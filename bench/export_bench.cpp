@@ -80,11 +80,6 @@ double throughController(const std::vector<fs::path>& sources, const fs::path& o
   return bench::secondsSince(start);
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -127,7 +122,7 @@ int main(int argc, char** argv) {
   std::printf(
       "%d photos 2x: direct %.3f s, controller %.3f s (medians of %d): overhead %.1f%% (median of "
       "the rounds' ratios; goal <= 5%%)\n",
-      kPhotos, median(plain), median(pipeline), kRounds, (median(ratios) - 1) * 100);
+      kPhotos, bench::median(plain), bench::median(pipeline), kRounds, (bench::median(ratios) - 1) * 100);
   fs::remove_all(work);
   return 0;
 }

@@ -76,11 +76,6 @@ double readBytesOnly(const fs::path& folder, size_t* totalBytes) {
   return bench::secondsSince(start);
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -112,11 +107,11 @@ int main(int argc, char** argv) {
     reading.push_back(b);
     ratios.push_back(a / b);
   }
-  const double listed = median(listing);
+  const double listed = bench::median(listing);
   std::printf(
       "%d recipes (%.1f KB): listing %.1f ms, reading the bytes only %.1f ms (medians of %d): "
       "listing costs %.1fx the reads (median ratio); goal: listing under 500 ms: %s\n",
-      kRecipes, bytes / 1000.0, listed * 1000, median(reading) * 1000, kRounds, median(ratios),
+      kRecipes, bytes / 1000.0, listed * 1000, bench::median(reading) * 1000, kRounds, bench::median(ratios),
       listed < 0.5 ? "met" : "NOT met");
   std::printf("peak RSS %.1f MiB\n", bench::peakRssMiB());
   fs::remove_all(work);

@@ -105,17 +105,9 @@ int preview(const Options& options) {
 }  // namespace
 
 int runCanvas(const std::vector<std::string>& arguments) {
-  if (wantsHelp(arguments)) {
-    std::cout << kUsage;
-    return kExitSuccess;
-  }
   Options options;
-  try {
-    options = parseOptions(arguments);
-  } catch (const UsageError& error) {
-    std::cerr << "tarnbloom canvas: " << error.what() << '\n' << kUsage;
-    return kExitUsage;
-  }
+  if (const auto done = parseCommandLine("canvas", arguments, kUsage, parseOptions, options))
+    return *done;
   try {
     return preview(options);
   } catch (const Error& error) {

@@ -181,17 +181,9 @@ canvas::CanvasConfirmation readConfirmation(const fs::path& file) {
 }  // namespace
 
 int runEnlarge(const std::vector<std::string>& arguments) {
-  if (wantsHelp(arguments)) {
-    std::cout << kUsage;
-    return kExitSuccess;
-  }
   Options options;
-  try {
-    options = parseOptions(arguments);
-  } catch (const UsageError& error) {
-    std::cerr << "tarnbloom enlarge: " << error.what() << '\n' << kUsage;
-    return kExitUsage;
-  }
+  if (const auto done = parseCommandLine("enlarge", arguments, kUsage, parseOptions, options))
+    return *done;
   if (!options.out.empty()) {
     std::error_code error;
     fs::create_directories(options.out, error);

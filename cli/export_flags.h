@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "canvas/canvas.h"
+#include "cli/help_option.h"
 #include "encoding/colour_policy.h"
 #include "encoding/export_format.h"
 #include "engine/resample_method.h"
@@ -15,12 +16,6 @@
 #include "export/export_options.h"
 
 namespace tarnbloom::cli {
-
-// A command line that cannot be used; the command prints it with its usage.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 double parseNumber(std::string_view text, const std::string& what);
 

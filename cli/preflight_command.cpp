@@ -161,17 +161,9 @@ void printLists(const Options& options, const recipes::FolderBatchWalker::WalkRe
 }  // namespace
 
 int runPreflight(const std::vector<std::string>& arguments) {
-  if (wantsHelp(arguments)) {
-    std::cout << kUsage;
-    return kExitSuccess;
-  }
   Options options;
-  try {
-    options = parseOptions(arguments);
-  } catch (const UsageError& error) {
-    std::cerr << "tarnbloom preflight: " << error.what() << '\n' << kUsage;
-    return kExitUsage;
-  }
+  if (const auto done = parseCommandLine("preflight", arguments, kUsage, parseOptions, options))
+    return *done;
   if (const auto rejection =
           recipes::FolderBatchWalker::destinationRejection(options.folder, options.out)) {
     std::cerr << "tarnbloom preflight: " << *rejection << '\n';

@@ -53,6 +53,7 @@ AgentHost::AgentHost(Loop loop, fs::path stateFolder, Options options)
   AgentJobService::Configuration configuration;
   configuration.app = m_options.app;
   configuration.stateFolder = m_stateFolder;
+  configuration.receiptsFolder = m_context.receiptsFolder;
   configuration.now = [] { return std::chrono::system_clock::now(); };
   configuration.backend = AgentExportBackend::live(*m_controller);
   configuration.makeResolverEnvironment = [this] {

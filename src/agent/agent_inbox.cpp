@@ -17,7 +17,6 @@ namespace {
 
 using Kind = AgentInboxFailure::Kind;
 
-constexpr size_t kChunkBytes = size_t{64} << 10;
 // A foreign job text goes into the log; a valid id is 36 characters.
 constexpr size_t kMaxQuotedJob = 64;
 
@@ -29,28 +28,6 @@ std::string fileTypeName(mode_t mode) {
   if (S_ISSOCK(mode)) return "a socket";
   if (S_ISCHR(mode) || S_ISBLK(mode)) return "a device";
   return "not a regular file";
-}
-
-// The whole file, read up to one byte past the limit so that a file grown
-// since fstat is still caught; a failure when it cannot be read or is
-// larger.
-std::variant<std::vector<std::byte>, AgentInboxFailure> readBounded(int fd) {
-  constexpr size_t limit = AgentProtocol::maxRequestBytes;
-  std::vector<std::byte> bytes;
-  while (bytes.size() <= limit) {
-    const size_t filled = bytes.size();
-    bytes.resize(filled + std::min(kChunkBytes, limit + 1 - filled));
-    const ssize_t got = ::read(fd, bytes.data() + filled, bytes.size() - filled);
-    if (got < 0) {
-      const int error = errno;
-      bytes.resize(filled);
-      if (error == EINTR) continue;
-      return AgentInboxFailure(Kind::unreadable, systemReason(error));
-    }
-    bytes.resize(filled + static_cast<size_t>(got));
-    if (got == 0) return bytes;
-  }
-  return AgentInboxFailure(Kind::tooLarge, "more than " + std::to_string(limit) + " bytes");
 }
 
 bool equalJobIDs(std::string_view a, std::string_view b) {
@@ -113,9 +90,19 @@ AgentInboxLoad AgentInbox::load(std::string_view jobID, const std::filesystem::p
   if (info.st_size < 0 || static_cast<uint64_t>(info.st_size) > AgentProtocol::maxRequestBytes)
     return AgentInboxFailure(Kind::tooLarge, std::to_string(info.st_size) + " bytes");
 
-  auto read = readBounded(fd.get());
-  if (auto* failure = std::get_if<AgentInboxFailure>(&read)) return std::move(*failure);
-  const auto& bytes = std::get<std::vector<std::byte>>(read);
+  std::optional<std::vector<std::byte>> read;
+  try {
+    // The file may have grown since fstat: reading stops one byte past the
+    // limit.
+    read = readToEnd(fd.get(), file, AgentProtocol::maxRequestBytes,
+                     static_cast<size_t>(info.st_size));
+  } catch (const FileError& error) {
+    return AgentInboxFailure(Kind::unreadable, systemReason(error.errnoValue()));
+  }
+  if (!read)
+    return AgentInboxFailure(Kind::tooLarge,
+                             "more than " + std::to_string(AgentProtocol::maxRequestBytes) + " bytes");
+  const auto& bytes = *read;
 
   AgentRequest request;
   try {

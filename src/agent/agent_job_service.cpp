@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <system_error>
+#include <unordered_map>
 
 #include "agent/agent_file_store.h"
 #include "agent/agent_paths.h"
@@ -496,7 +497,8 @@ AgentResult AgentJobService::reconcile(
 void AgentJobService::reconcileInterrupted(const exporting::ExportQueueStore& queue) {
   const fs::path outbox = AgentPaths::outboxDirectory(m_config.stateFolder);
   std::error_code error;
-  const exporting::ReceiptLocation receipts{m_config.stateFolder / "Receipts"};
+  const exporting::ReceiptLocation receipts{m_config.receiptsFolder};
+  std::unordered_map<std::string, const exporting::PersistedExportItem*> queueItems;
   for (const auto& entry : fs::directory_iterator(outbox, error)) {
     const fs::path file = entry.path();
     if (file.extension() != ".json" || !entry.is_regular_file(error)) continue;
@@ -515,11 +517,14 @@ void AgentJobService::reconcileInterrupted(const exporting::ExportQueueStore& qu
         // did not finish here.
         if (m_config.log) m_config.log("agent: job link of " + jobID + ": " + damaged.what());
       }
-      const auto findItem = [&queue](const std::string& id) -> const exporting::PersistedExportItem* {
+      // Built once, and only when some job needs it: a queue of a big
+      // batch holds thousands of items.
+      if (queueItems.empty())
         for (const auto& job : queue.jobs())
-          for (const auto& item : job.items)
-            if (item.id == id) return &item;
-        return nullptr;
+          for (const auto& item : job.items) queueItems.emplace(item.id, &item);
+      const auto findItem = [&queueItems](const std::string& id) {
+        const auto found = queueItems.find(id);
+        return found == queueItems.end() ? nullptr : found->second;
       };
       result = reconcile(
           std::move(result), link, findItem, m_config.now(),

@@ -39,6 +39,7 @@ class AgentJobService {
   struct Configuration {
     AgentAppInfo app;
     std::filesystem::path stateFolder;
+    std::filesystem::path receiptsFolder;  // the export context's
     std::function<WallTime()> now;
     AgentExportBackend backend;
     std::function<AgentRequestResolver::Environment()> makeResolverEnvironment;

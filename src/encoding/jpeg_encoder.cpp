@@ -371,12 +371,9 @@ std::vector<uint8_t> JPEGEncoder::encodeOnce(const codec::PixelBuffer& image,
                                              const OutputMetadata& metadata, int quality,
                                              std::optional<JPEGSubsampling> subsampling,
                                              std::array<uint8_t, 3> flatten) {
-  MemorySink sink;
-  const auto writer =
-      openRows(RowLayout::of(image, image.height), metadata, quality, subsampling, sink, flatten);
-  writer->writeRows(image);
-  writer->finish();
-  return sink.take();
+  return writeWhole(image, [&](const RowLayout& layout, ByteSink& sink) {
+    return openRows(layout, metadata, quality, subsampling, sink, flatten);
+  });
 }
 
 JPEGEncodeResult JPEGEncoder::encode(const codec::PixelBuffer& image,

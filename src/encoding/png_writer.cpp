@@ -347,11 +347,9 @@ std::unique_ptr<RowWriter> openPNG(const RowLayout& layout, const OutputMetadata
 }
 
 std::vector<uint8_t> encodePNG(const codec::PixelBuffer& image, const OutputMetadata& metadata) {
-  MemorySink sink;
-  const auto writer = openPNG(RowLayout::of(image, image.height), metadata, sink);
-  writer->writeRows(image);
-  writer->finish();
-  return sink.take();
+  return writeWhole(image, [&](const RowLayout& layout, ByteSink& sink) {
+    return openPNG(layout, metadata, sink);
+  });
 }
 
 }  // namespace tarnbloom::encoding

@@ -2,8 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
 
 #include "codec/pixel_buffer.h"
+#include "encoding/byte_sink.h"
 
 namespace tarnbloom::encoding {
 
@@ -43,5 +47,17 @@ class RowWriter {
   // Ends the file; throws when rows are still missing.
   virtual void finish() = 0;
 };
+
+// The whole file of a picture held whole, through the streaming writer
+// `open` makes: one code path for both, so their bytes cannot differ.
+inline std::vector<uint8_t> writeWhole(
+    const codec::PixelBuffer& image,
+    const std::function<std::unique_ptr<RowWriter>(const RowLayout&, ByteSink&)>& open) {
+  MemorySink sink;
+  const auto writer = open(RowLayout::of(image, image.height), sink);
+  writer->writeRows(image);
+  writer->finish();
+  return sink.take();
+}
 
 }  // namespace tarnbloom::encoding

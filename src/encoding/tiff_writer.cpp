@@ -153,11 +153,9 @@ std::unique_ptr<RowWriter> openTIFF(const RowLayout& layout, const OutputMetadat
 }
 
 std::vector<uint8_t> encodeTIFF(const codec::PixelBuffer& image, const OutputMetadata& metadata) {
-  MemorySink sink;
-  const auto writer = openTIFF(RowLayout::of(image, image.height), metadata, sink);
-  writer->writeRows(image);
-  writer->finish();
-  return sink.take();
+  return writeWhole(image, [&](const RowLayout& layout, ByteSink& sink) {
+    return openTIFF(layout, metadata, sink);
+  });
 }
 
 void mergeExifIntoFile(std::vector<uint8_t>& file, const std::vector<uint8_t>& exif) {

@@ -642,24 +642,9 @@ std::vector<std::byte> Recipe::readFile(const fs::path& path) {
   };
   if (static_cast<uint64_t>(info.st_size) > kMaxFileBytes) throw tooLarge();
 
-  // One byte of room past the limit tells a file that grew since fstat.
-  std::vector<std::byte> bytes(static_cast<size_t>(info.st_size) + 1);
-  size_t filled = 0;
-  for (;;) {
-    if (filled == bytes.size()) {
-      if (bytes.size() > kMaxFileBytes) throw tooLarge();
-      bytes.resize(std::min(kMaxFileBytes + 1, bytes.size() * 2));
-    }
-    const ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      throw FileError(path, "read", errno);
-    }
-    if (got == 0) break;
-    filled += static_cast<size_t>(got);
-  }
-  bytes.resize(filled);
-  return bytes;
+  auto bytes = readToEnd(fd.get(), path, kMaxFileBytes, static_cast<size_t>(info.st_size));
+  if (!bytes) throw tooLarge();  // it grew since fstat
+  return std::move(*bytes);
 }
 
 std::optional<std::string> Recipe::peekName(const fs::path& path) {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -60,25 +61,18 @@ std::pair<FileDescriptor, size_t> openRegularFile(const std::filesystem::path& p
   return {std::move(fd), static_cast<size_t>(info.st_size)};
 }
 
-std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t maxBytes) {
-  const auto [fd, size] = openRegularFile(path);
-  if (size > maxBytes) throw FileError(path, "read", EFBIG);
-
-  std::vector<std::byte> bytes(size);
+std::optional<std::vector<std::byte>> readToEnd(int fd, const std::filesystem::path& path,
+                                                size_t maxBytes, size_t sizeHint) {
+  constexpr size_t kChunk = size_t{64} << 10;
+  // One byte of room past the limit tells a file that holds more.
+  std::vector<std::byte> bytes(std::min(sizeHint, maxBytes) + 1);
   size_t filled = 0;
   for (;;) {
     if (filled == bytes.size()) {
-      // The file may have grown since fstat, or be a pipe-like file with no
-      // size: keep reading in chunks up to the limit.
-      if (bytes.size() >= maxBytes) {
-        std::byte probe;
-        const ssize_t more = ::read(fd.get(), &probe, 1);
-        if (more > 0) throw FileError(path, "read", EFBIG);
-        break;
-      }
-      bytes.resize(std::min(maxBytes, std::max<size_t>(bytes.size() * 2, 1 << 16)));
+      if (filled > maxBytes) return std::nullopt;
+      bytes.resize(std::min(maxBytes + 1, filled + kChunk));
     }
-    const ssize_t got = ::read(fd.get(), bytes.data() + filled, bytes.size() - filled);
+    const ssize_t got = ::read(fd, bytes.data() + filled, bytes.size() - filled);
     if (got < 0) {
       if (errno == EINTR) continue;
       throw FileError(path, "read", errno);
@@ -86,8 +80,17 @@ std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t m
     if (got == 0) break;
     filled += static_cast<size_t>(got);
   }
+  if (filled > maxBytes) return std::nullopt;
   bytes.resize(filled);
   return bytes;
+}
+
+std::vector<std::byte> readWholeFile(const std::filesystem::path& path, size_t maxBytes) {
+  const auto [fd, size] = openRegularFile(path);
+  if (size > maxBytes) throw FileError(path, "read", EFBIG);
+  auto bytes = readToEnd(fd.get(), path, maxBytes, size);
+  if (!bytes) throw FileError(path, "read", EFBIG);
+  return std::move(*bytes);
 }
 
 MappedFile::MappedFile(const std::filesystem::path& path) : m_fd(openRegularFile(path).first) {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -76,6 +77,13 @@ bool removeFileIfPresent(const std::filesystem::path& path,
 // Opens a regular file for reading and gives its size; throws FileError
 // (EISDIR for a folder, EINVAL for a FIFO, a device or a socket).
 std::pair<FileDescriptor, size_t> openRegularFile(const std::filesystem::path& path);
+
+// Reads an open descriptor to its end, in chunks of at most 64 KiB past
+// `sizeHint`. Nothing when it holds more than `maxBytes` (a file may grow
+// after fstat; a device may never end), so each caller says so in its own
+// words. Throws FileError(path, "read", errno).
+std::optional<std::vector<std::byte>> readToEnd(int fd, const std::filesystem::path& path,
+                                                size_t maxBytes, size_t sizeHint = 0);
 
 // Reads a whole regular file. Refuses more than maxBytes (ENOSPC-free guard
 // against a device or a file that grows without end).
