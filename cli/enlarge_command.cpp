@@ -1,26 +1,21 @@
 #include "cli/enlarge_command.h"
 
-#include <algorithm>
+#include <cmath>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <set>
 
-#include "canvas/canvas_composer.h"
+#include "agent/agent_client.h"
 #include "canvas/canvas_json.h"
 #include "cli/exit_codes.h"
 #include "cli/export_flags.h"
-#include "cli/export_session.h"
 #include "cli/help_option.h"
-#include "cli/recipe_command.h"
-#include "encoding/colour_policy.h"
-#include "encoding/export_format.h"
-#include "encoding/naming_engine.h"
+#include "cli/job_follower.h"
+#include "export/export_job.h"
 #include "export/export_options.h"
-#include "export/export_planner.h"
-#include "recipes/folder_batch_walker.h"
-#include "recipes/recipe_run_planner.h"
+#include "recipes/shard.h"
 #include "support/files.h"
+#include "support/state_paths.h"
 
 namespace tarnbloom::cli {
 namespace {
@@ -42,7 +37,15 @@ const std::string kUsage =
     "  --confirmation FILE  the crop confirmation `tarnbloom canvas preview` saved\n"
     "  --recipe ID|NAME     export every output of a saved recipe for every file (--out\n"
     "                       then overrides each output's destination)\n"
-    "A FOLDER is preflighted: files that cannot work are set aside with the reason.\n";
+    "  --shard K/N          plan the whole batch, export only shard K (from 0) of N: for\n"
+    "                       array jobs on a cluster, each task with its own --state folder\n"
+    "  --dry-run            print the plan (every output name and size); export nothing\n"
+    "  --json               print the final result document instead of lines\n"
+    "  --no-wait            print the job id and return; follow it with tarnbloom status\n"
+    "  --notify             show a desktop notification when the job ends\n"
+    "A FOLDER needs --out and is preflighted: files that cannot work are set aside with\n"
+    "the reason. The running Tarnbloom instance exports (one is started when none runs);\n"
+    "Ctrl-C stops the job.\n";
 
 struct Options {
   ExportFlags flags;
@@ -53,6 +56,10 @@ struct Options {
   bool allow8Bit = false;
   std::filesystem::path confirmation;  // --confirmation: a confirmed crop
   std::optional<std::string> recipe;   // --recipe ID|NAME
+  bool dryRun = false;
+  bool notify = false;
+  std::optional<std::string> shard;  // --shard K/N
+  FollowOptions follow;
   std::vector<std::filesystem::path> files;
 };
 
@@ -90,6 +97,22 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.confirmation = next();
     } else if (a == "--recipe") {
       options.recipe = next();
+    } else if (a == "--shard") {
+      const std::string& text = next();
+      try {
+        recipes::parseShard(text);
+      } catch (const recipes::ShardSpecError& error) {
+        throw UsageError(error.description());
+      }
+      options.shard = text;
+    } else if (a == "--dry-run") {
+      options.dryRun = true;
+    } else if (a == "--notify") {
+      options.notify = true;
+    } else if (a == "--json") {
+      options.follow.json = true;
+    } else if (a == "--no-wait") {
+      options.follow.noWait = true;
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("Unknown option “" + a + "”.");
     } else {
@@ -99,7 +122,7 @@ Options parseOptions(const std::vector<std::string>& arguments) {
   if (options.recipe && options.flags.touched)
     throw UsageError(
         "With --recipe the recipe says how files are exported: only --out, --if-exists, "
-        "--receipts, --recursive and --allow-8bit go with it.");
+        "--receipts, --recursive, --allow-8bit, --shard and the job flags go with it.");
   if (!options.recipe && !options.flags.haveSize) throw UsageError("Choose a size with --size.");
   if (options.files.empty()) throw UsageError("Name at least one file or folder to enlarge.");
   options.flags.finish();
@@ -107,54 +130,6 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       !(options.flags.canvas && options.flags.canvas->mode == canvas::CanvasMode::crop))
     throw UsageError("--confirmation confirms a crop: give it with --canvas and --crop.");
   return options;
-}
-
-// The files to enlarge: each file argument as given, and what the folder
-// walk finds in each folder argument (inside its folders too with
-// --recursive, never inside the output folder), in file-manager order.
-// Folder problems are printed; a refused destination is a usage error.
-struct Inputs {
-  std::vector<fs::path> files;
-  std::set<fs::path> walked;  // found in folders: preflight refuses what cannot work
-};
-
-Inputs expandInputs(const Options& options, const std::optional<recipes::RecipeDraft>& recipe) {
-  Inputs inputs;
-  std::vector<fs::path> destinations;
-  if (!options.out.empty()) destinations.push_back(fs::absolute(options.out));
-  // A recipe's own destinations are never walked either.
-  if (recipe && options.out.empty())
-    for (const auto& output : recipe->outputs)
-      if (output.destination) destinations.emplace_back(*output.destination);
-  for (const auto& argument : options.files) {
-    std::error_code error;
-    if (!fs::is_directory(argument, error)) {
-      inputs.files.push_back(argument);
-      continue;
-    }
-    if (!options.out.empty())
-      if (const auto rejection =
-              recipes::FolderBatchWalker::destinationRejection(argument, options.out))
-        throw UsageError(*rejection);
-    const auto walk =
-        recipes::FolderBatchWalker::walkDetailed(argument, options.recursive, destinations);
-    for (const auto& problem : walk.problems) std::cerr << problem.message << '\n';
-    const std::vector<fs::path>& found = walk.files;
-    if (found.empty() && walk.problems.empty()) {
-      bool hasFolders = false;
-      for (fs::directory_iterator it(argument, error), end; !error && it != end;
-           it.increment(error))
-        hasFolders = hasFolders || it->is_directory(error);
-      std::cerr << "“" << argument.string() << "” holds no files"
-                << (hasFolders && !options.recursive
-                        ? " (add --recursive to look inside its folders)"
-                        : "")
-                << ".\n";
-    }
-    for (const auto& file : found) inputs.walked.insert(fs::absolute(file).lexically_normal());
-    inputs.files.insert(inputs.files.end(), found.begin(), found.end());
-  }
-  return inputs;
 }
 
 // A confirmation file as `tarnbloom canvas preview` writes it; anything
@@ -178,135 +153,156 @@ canvas::CanvasConfirmation readConfirmation(const fs::path& file) {
   return *confirmation;
 }
 
+agent::AgentSize agentSize(const ExportFlags& flags) {
+  using agent::AgentSizeMode;
+  agent::AgentSize size;
+  switch (flags.sizeMode) {
+    case SizeMode::x2:
+      size.mode = AgentSizeMode::x2;
+      break;
+    case SizeMode::x4:
+      size.mode = AgentSizeMode::x4;
+      break;
+    case SizeMode::x8:
+      size.mode = AgentSizeMode::x8;
+      break;
+    case SizeMode::percent:
+      size.mode = AgentSizeMode::percent;
+      break;
+    case SizeMode::longEdge:
+      size.mode = AgentSizeMode::longEdge;
+      break;
+    case SizeMode::width:
+      size.mode = AgentSizeMode::width;
+      break;
+    case SizeMode::height:
+      size.mode = AgentSizeMode::height;
+      break;
+    case SizeMode::boundingBox:
+      size.mode = AgentSizeMode::box;
+      break;
+  }
+  if (size.mode == AgentSizeMode::box) {
+    if (flags.boxWidth != std::floor(flags.boxWidth) ||
+        flags.boxHeight != std::floor(flags.boxHeight))
+      throw UsageError("A box is measured in whole pixels: box:WIDTHxHEIGHT.");
+    size.width = static_cast<int64_t>(flags.boxWidth);
+    size.height = static_cast<int64_t>(flags.boxHeight);
+  } else if (!quickFactor(flags.sizeMode)) {
+    size.value = flags.sizeValue;
+  }
+  return size;
+}
+
+// How the look of the exports is written into a request: the protocol's
+// keys where they say the same as the flags, our settings for the rest.
+void describeExports(const Options& options, agent::AgentRequest& request,
+                     agent::AgentExportSettings& settings) {
+  const ExportFlags& flags = options.flags;
+  request.size = agentSize(flags);
+  request.method = agent::toAgentMethod(flags.method);
+  if (flags.method == ResampleMethod::estimate) request.strength = flags.strength;
+  request.format = flags.format ? agent::toAgentFormat(*flags.format) : agent::AgentFormat::same;
+  request.name = flags.nameTemplate;
+  // --quality is every lossy format's; without it JPEG keeps the command
+  // line's own default rather than the protocol's.
+  settings.jpegQuality = flags.quality.value_or(exporting::ExportOptions{}.jpeg.quality);
+  if (flags.quality) settings.webpQuality = settings.heifQuality = *flags.quality;
+  if (flags.maxBytes) settings.maxKB = *flags.maxBytes / 1000;
+  settings.profile = flags.policy.profile;
+  settings.icc = flags.policy.icc;
+  settings.exif = flags.policy.exif;
+  settings.xmp = flags.policy.xmp;
+  settings.gps = flags.policy.gps;
+  settings.flatten = flags.policy.flatten;
+  settings.canvas = flags.exportOptions().canvas;
+  if (!options.confirmation.empty())
+    settings.canvasConfirmation = readConfirmation(options.confirmation);
+}
+
+// The command line as a request to the running instance. Paths are made
+// absolute here, since the instance runs elsewhere.
+agent::AgentRequest buildRequest(const Options& options) {
+  agent::AgentRequest request =
+      newRequest(options.recipe ? agent::AgentCommand::recipeRun : agent::AgentCommand::enlarge);
+  for (const auto& file : options.files) {
+    std::error_code error;
+    request.sources.push_back({fs::absolute(file).lexically_normal().string(),
+                               fs::is_directory(file, error) ? agent::AgentSourceKind::folder
+                                                             : agent::AgentSourceKind::file});
+  }
+  if (!options.out.empty()) request.out = fs::absolute(options.out).lexically_normal().string();
+  if (options.recursive) request.recursive = true;
+  request.ifExists =
+      options.ifExists == exporting::CollisionPolicy::skip      ? agent::AgentIfExists::skip
+      : options.ifExists == exporting::CollisionPolicy::replace ? agent::AgentIfExists::overwrite
+                                                                : agent::AgentIfExists::number;
+  if (options.dryRun) request.dryRun = true;
+  if (options.notify) request.notify = true;
+  agent::AgentExportSettings settings;
+  settings.receipts =
+      options.receiptsBeside ? agent::AgentReceipts::beside : agent::AgentReceipts::store;
+  if (options.allow8Bit) settings.allow8Bit = true;
+  settings.shard = options.shard;
+  if (options.recipe)
+    request.recipe = *options.recipe;
+  else
+    describeExports(options, request, settings);
+  request.settings = settings;
+  return request;
+}
+
+int runRequest(const Options& options, const std::string& command) {
+  // The instance checks the output folder; making it is the caller's part,
+  // as it always was.
+  if (!options.out.empty() && !options.dryRun) {
+    std::error_code error;
+    fs::create_directories(options.out, error);
+    if (!fs::is_directory(options.out)) {
+      std::cerr << "tarnbloom " << command << ": the output folder “" << options.out.string()
+                << "” doesn’t exist and couldn’t be created"
+                << (error ? ": " + error.message() : std::string()) << ".\n";
+      return kExitUsage;
+    }
+  }
+  agent::AgentRequest request;
+  try {
+    request = buildRequest(options);
+  } catch (const UsageError& error) {
+    std::cerr << "tarnbloom " << command << ": " << error.what() << '\n';
+    return kExitUsage;
+  }
+  if (options.flags.maxBytes && options.flags.format &&
+      *options.flags.format != encoding::ExportFormat::jpeg)
+    std::cerr << "--max-kb applies to JPEG only; " << encoding::title(*options.flags.format)
+              << " is written without a ceiling.\n";
+  agent::AgentClient client(stateFolder());
+  return runAgentJob(client, request, options.follow);
+}
+
 }  // namespace
 
 int runEnlarge(const std::vector<std::string>& arguments) {
   Options options;
   if (const auto done = parseCommandLine("enlarge", arguments, kUsage, parseOptions, options))
     return *done;
-  if (!options.out.empty()) {
-    std::error_code error;
-    fs::create_directories(options.out, error);
-    if (!fs::is_directory(options.out)) {
-      std::cerr << "tarnbloom enlarge: the output folder “" << options.out.string()
-                << "” doesn’t exist and couldn’t be created.\n";
-      return kExitUsage;
-    }
-  }
-  std::optional<recipes::RecipeDraft> recipe;
-  if (options.recipe) {
-    try {
-      recipe = findRecipe(*options.recipe);
-    } catch (const Error& error) {
-      std::cerr << "tarnbloom enlarge: " << error.description() << '\n';
-      return kExitUsage;
-    }
-  }
-  Inputs inputs;
-  try {
-    inputs = expandInputs(options, recipe);
-  } catch (const UsageError& error) {
-    std::cerr << "tarnbloom enlarge: " << error.what() << '\n';
-    return kExitUsage;
-  }
-  if (inputs.files.empty()) {
-    std::cerr << "tarnbloom enlarge: nothing to enlarge.\n";
-    return kExitUsage;
-  }
-  exporting::ExportOptions exportOptions = options.flags.exportOptions();
-  // A crop is confirmed on one image's own pixels, never reused for others.
-  if (inputs.files.size() > 1 || !inputs.walked.empty()) {
-    const auto decision = canvas::BatchCanvasPolicy::decide(exportOptions.canvas);
-    if (!decision.allowed) {
-      std::cerr << "tarnbloom enlarge: " << decision.title << "\n" << decision.explanation << '\n';
-      return kExitUsage;
-    }
-  }
-  if (!options.confirmation.empty()) {
-    try {
-      exportOptions.canvasConfirmation = readConfirmation(options.confirmation);
-    } catch (const UsageError& error) {
-      std::cerr << "tarnbloom enlarge: " << error.what() << '\n';
-      return kExitUsage;
-    }
-  }
+  return runRequest(options, "enlarge");
+}
 
-  std::unique_ptr<ExportSession> session;
-  try {
-    session = std::make_unique<ExportSession>();
-  } catch (const Error& error) {
-    std::cerr << "tarnbloom enlarge: " << error.description() << '\n';
-    return kExitFailure;
-  }
-  session->reportLoadFailure();
-  session->recover(false);
-
-  // The plan: each file's size and output name fixed before the run, so
-  // names stay stable if the run is interrupted and resumed. A recipe plans
-  // one job per output.
-  const auto walked = [&](const fs::path& file) { return inputs.walked.contains(file); };
-  std::vector<std::pair<std::string, exporting::ExportPlan>> units;
-  if (recipe) {
-    recipes::RecipeRunSettings settings;
-    if (!options.out.empty()) settings.destinationOverride = fs::absolute(options.out);
-    settings.collision = options.ifExists;
-    settings.receiptsBesideExports = options.receiptsBeside;
-    settings.confirmed16BitReduction = options.allow8Bit;
-    settings.reserved = session->controller().reservedOutputs();
-    settings.refuseUnreadable = walked;
-    try {
-      for (auto& unit : recipes::RecipeRunPlanner::plan(*recipe, inputs.files, settings))
-        units.emplace_back(recipe->outputs.size() > 1 ? unit.summary + ": " : "",
-                           std::move(unit.plan));
-    } catch (const recipes::BatchCanvasRefusal& refusal) {
-      std::cerr << "tarnbloom enlarge: " << refusal.title() << '\n'
-                << refusal.description() << '\n';
-      return kExitUsage;
-    }
-  } else {
-    exporting::JobDescription description;
-    description.options = exportOptions;
-    description.receiptsBesideExports = options.receiptsBeside;
-    description.confirmed16BitReduction = options.allow8Bit;
-    description.collision = options.ifExists;
-    exporting::DestinationRule destination;
-    if (!options.out.empty()) destination.folder = options.out;
-    exporting::ExportPlanner planner(description, options.flags.templateOrDefault(), destination);
-    planner.reserve(session->controller().reservedOutputs());
-    planner.refuseUnreadable(walked);
-    units.emplace_back("", planner.plan(inputs.files));
-  }
-
-  int skipped = 0, failed = 0;
-  bool besideOriginals = false;
-  for (auto& [label, plan] : units) {
-    if (plan.description.options.jpeg.maxBytes)
-      for (const auto& item : plan.items)
-        if (const auto format = plan.description.options.resolvedFormat(item.url);
-            format != encoding::ExportFormat::jpeg)
-          std::cerr << item.url.filename().string() << ": --max-kb applies to JPEG only; "
-                    << encoding::title(format) << " is written without a ceiling.\n";
-    for (const auto& refusal : plan.refusals) {
-      std::cout << label << refusal.source.filename().string() << ": " << refusal.text << '\n';
-      // A folder's other files (notes, sidecars) are set aside, not failures.
-      const bool notAPhoto =
-          refusal.preflight && refusal.preflight->cause == exporting::PreflightCause::notAnImage;
-      ++(refusal.kind == exporting::PlanRefusal::Kind::skipped || notAPhoto ? skipped : failed);
-    }
-    for (const auto& item : plan.items)
-      besideOriginals = besideOriginals || item.destination == item.url.parent_path();
-    if (plan.items.empty()) continue;
-    try {
-      session->controller().submit({plan.description, std::move(plan.items), {}, {}});
-    } catch (const Error& error) {
-      std::cerr << "tarnbloom enlarge: " << error.description() << '\n';
-      return kExitFailure;
-    }
-  }
-  if (besideOriginals) session->saveBesideOriginals();
-  session->countSkippedBeforeRun(skipped);
-  session->countFailedBeforeRun(failed);
-  return session->run();
+int runRecipeRun(const std::vector<std::string>& arguments) {
+  const std::string usage =
+      "Usage: tarnbloom recipe run ID|NAME [--out DIR] [OPTIONS] FILE|FOLDER...\n"
+      "  the same as tarnbloom enlarge --recipe ID|NAME; see tarnbloom enlarge --help\n";
+  Options options;
+  const auto parse = [](const std::vector<std::string>& given) {
+    if (given.empty()) throw UsageError("Name the recipe to run.");
+    std::vector<std::string> rest = {"--recipe", given[0]};
+    rest.insert(rest.end(), given.begin() + 1, given.end());
+    return parseOptions(rest);
+  };
+  if (const auto done = parseCommandLine("recipe run", arguments, usage, parse, options))
+    return *done;
+  return runRequest(options, "recipe run");
 }
 
 }  // namespace tarnbloom::cli

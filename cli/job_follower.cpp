@@ -84,7 +84,8 @@ class JobPrinter {
     bool beside = false, enhanced = false, receipts = false;
     for (const auto& item : result.items) {
       if (item.state != AgentItemState::completed || !item.output) continue;
-      beside = beside || fs::path(*item.output).parent_path() == fs::path(item.source).parent_path();
+      beside =
+          beside || fs::path(*item.output).parent_path() == fs::path(item.source).parent_path();
       enhanced = enhanced || item.aiDetail;
       receipts = receipts || item.receipt;
     }
@@ -116,7 +117,11 @@ class JobPrinter {
         for (size_t n = 1; n < item.notes.size(); ++n) std::cout << "  " << item.notes[n] << '\n';
         break;
       case AgentItemState::skipped:
-        std::cout << name << ": skipped. " << (item.error ? item.error->message : "") << '\n';
+        // A taken name is told by name, as a person would look for it.
+        if (item.error && item.error->code == AgentErrorCode::outputExists && item.output)
+          std::cout << name << ": skipped. “" << fileName(*item.output) << "” already exists.\n";
+        else
+          std::cout << name << ": skipped. " << (item.error ? item.error->message : "") << '\n';
         break;
       case AgentItemState::cancelled:
         std::cout << name << ": stopped before it was exported.\n";
@@ -128,8 +133,8 @@ class JobPrinter {
   }
 
   void drawBar(size_t index, size_t total, const AgentItem& item) {
-    const std::string label =
-        "[" + std::to_string(index + 1) + "/" + std::to_string(total) + "] " + fileName(item.source);
+    const std::string label = "[" + std::to_string(index + 1) + "/" + std::to_string(total) + "] " +
+                              fileName(item.source);
     if (!m_terminal) {
       if (m_announced.insert({index, true}).second) std::fprintf(stderr, "%s\n", label.c_str());
       return;

@@ -3,6 +3,8 @@
 #include <clocale>
 #include <csignal>
 #include <cstring>
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -57,6 +59,9 @@ constexpr const char* kUsage =
     "  service [--until-idle]  run the instance that owns the export queue\n"
     "  url URL                 hand a tarnbloom:// URL to the running instance\n"
     "\n"
+    "Every command takes --state DIR: keep the queue, receipts and recipes in DIR (as\n"
+    "TARNBLOOM_HOME does), for example one folder per task of a cluster array job.\n"
+    "\n"
     "Exit status: 0 success, 1 usage error, 2 some files failed, 3 every file failed or was "
     "refused,\n"
     "130 stopped by Ctrl-C (after the current step; finished files stay).\n";
@@ -70,6 +75,22 @@ int main(int argc, char** argv) {
   // runs to its end.
   std::signal(SIGPIPE, SIG_IGN);
   std::vector<std::string> arguments(argv + 1, argv + argc);
+  // --state DIR, anywhere before "--": the state folder (queue, receipts,
+  // recipes, the running instance) is DIR, as TARNBLOOM_HOME would say. A
+  // cluster task keeps its own, and the instance it starts inherits it.
+  for (size_t i = 0; i < arguments.size() && arguments[i] != "--"; ++i) {
+    if (arguments[i] != "--state") continue;
+    if (i + 1 >= arguments.size()) {
+      std::cerr << "tarnbloom: --state needs a folder.\n";
+      return tarnbloom::cli::kExitUsage;
+    }
+    std::error_code error;
+    const auto folder = std::filesystem::absolute(arguments[i + 1], error);
+    ::setenv("TARNBLOOM_HOME", folder.c_str(), 1);
+    const auto at = arguments.begin() + static_cast<long>(i);
+    arguments.erase(at, at + 2);
+    --i;
+  }
   if (arguments.empty()) {
     std::cerr << kUsage;
     return tarnbloom::cli::kExitUsage;

@@ -3,6 +3,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "cli/enlarge_command.h"
 #include "cli/exit_codes.h"
 #include "cli/export_flags.h"
 #include "cli/help_option.h"
@@ -26,7 +27,8 @@ const std::string kUsage =
         "       tarnbloom recipe export ID|NAME FILE\n"
         "       tarnbloom recipe delete ID|NAME\n"
         "       tarnbloom recipe save NAME --size SIZE --format png|jpeg|tiff|webp [OPTIONS]\n"
-        "Run a recipe with: tarnbloom enlarge --recipe ID|NAME FILE|FOLDER...\n"
+        "       tarnbloom recipe run ID|NAME [--out DIR] FILE|FOLDER...\n"
+        "Run a recipe with recipe run, or tarnbloom enlarge --recipe ID|NAME FILE|FOLDER...\n"
         "recipe save keeps these flags as a recipe of one output:\n") +
     kExportFlagsUsage +
     "  --out DIR            where its files go; a relative DIR is a folder inside each\n"
@@ -159,6 +161,8 @@ int runRecipe(const std::vector<std::string>& arguments) {
     if (verb == "list" && operands == 1) return list(json);
     if (verb == "show" && operands == 2) return show(arguments[1], json);
     if (verb == "save") return save(arguments);
+    if (verb == "run")
+      return runRecipeRun(std::vector<std::string>(arguments.begin() + 1, arguments.end()));
     if (verb == "import" && arguments.size() == 2) {
       try {
         const auto draft = recipeLibrary().importFile(arguments[1], availableMethods());

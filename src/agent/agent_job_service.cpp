@@ -21,15 +21,6 @@ bool finished(AgentItemState state) {
   return state != AgentItemState::pending && state != AgentItemState::running;
 }
 
-// Unreadable and missing sources fail the job the way a failed export
-// would; the others (a target smaller than the source, a taken name with
-// "skip") are choices, and skip.
-AgentItemState exclusionState(AgentErrorCode code) {
-  return code == AgentErrorCode::unreadableSource || code == AgentErrorCode::sourceMissing
-             ? AgentItemState::failed
-             : AgentItemState::skipped;
-}
-
 constexpr std::chrono::milliseconds kHeartbeat{2000};
 // Progress within an item is written at most this often.
 constexpr std::chrono::milliseconds kProgressInterval{250};
@@ -43,25 +34,12 @@ AgentResultState finalState(const AgentCounts& counts, bool cancelled) {
   return AgentResultState::partial;
 }
 
-AgentCounts countItems(const std::vector<AgentItem>& items) {
-  AgentCounts counts;
-  for (const auto& item : items) {
-    switch (item.state) {
-      case AgentItemState::completed: ++counts.completed; break;
-      case AgentItemState::skipped: ++counts.skipped; break;
-      case AgentItemState::failed: ++counts.failed; break;
-      case AgentItemState::cancelled: ++counts.cancelled; break;
-      default: break;
-    }
-  }
-  return counts;
-}
-
 AgentExportBackend AgentExportBackend::live(exporting::ExportController& controller) {
-  return {[&controller](exporting::Submission submission) {
-            return controller.submit(std::move(submission));
-          },
-          [&controller](const std::string& queueJobID) { return controller.cancelJob(queueJobID); }};
+  return {
+      [&controller](exporting::Submission submission) {
+        return controller.submit(std::move(submission));
+      },
+      [&controller](const std::string& queueJobID) { return controller.cancelJob(queueJobID); }};
 }
 
 struct AgentJobService::Tracked {
@@ -136,8 +114,8 @@ std::optional<AgentResult> AgentJobService::status(const std::string& jobID) con
 
 void AgentJobService::reject(const std::string& jobID, const std::optional<AgentRequest>& request,
                              AgentErrorCode code, const std::string& message) {
-  const AgentResult result =
-      makeRejectedResult(jobID, request, AgentErrorInfo{code, message}, m_config.app, m_config.now());
+  const AgentResult result = makeRejectedResult(jobID, request, AgentErrorInfo{code, message},
+                                                m_config.app, m_config.now());
   writeResult(result, true);
   if (m_config.postFinished) m_config.postFinished(result);
 }
@@ -190,8 +168,7 @@ void AgentJobService::submit(const AgentRequest& request, bool quitWhenDone,
   start(request, std::move(plan), quitWhenDone, std::move(completion));
 }
 
-void AgentJobService::start(const AgentRequest& request, AgentResolvedPlan plan,
-                            bool quitWhenDone,
+void AgentJobService::start(const AgentRequest& request, AgentResolvedPlan plan, bool quitWhenDone,
                             std::function<void(const AgentResult&)> completion) {
   const std::string key = AgentPaths::jobKey(request.job);
   auto tracked = std::make_unique<Tracked>();
@@ -223,13 +200,8 @@ void AgentJobService::start(const AgentRequest& request, AgentResolvedPlan plan,
       job.result.items.push_back(std::move(row));
     }
   }
-  for (const auto& exclusion : plan.exclusions) {
-    AgentItem row;
-    row.source = exclusion.source.string();
-    row.state = exclusionState(exclusion.code);
-    row.error = AgentErrorInfo{exclusion.code, exclusion.message};
-    job.result.items.push_back(std::move(row));
-  }
+  for (const auto& exclusion : plan.exclusions)
+    job.result.items.push_back(exclusionItem(exclusion));
   job.plan = std::move(plan);
   job.result.counts = countItems(job.result.items);
   m_jobs[key] = std::move(tracked);
@@ -451,8 +423,7 @@ AgentResult AgentJobService::reconcile(
     AgentResult result, const AgentJobLink& link,
     const std::function<const exporting::PersistedExportItem*(const std::string&)>& queueItem,
     WallTime now, const std::function<bool(const fs::path&)>& fileExists,
-    const std::function<std::optional<fs::path>(const fs::path&)>& receiptPath,
-    bool forceCancel) {
+    const std::function<std::optional<fs::path>(const fs::path&)>& receiptPath, bool forceCancel) {
   using exporting::ExportQueueItemState;
   for (size_t i = 0; i < result.items.size(); ++i) {
     AgentItem& item = result.items[i];
@@ -464,8 +435,8 @@ AgentResult AgentJobService::reconcile(
     const exporting::PersistedExportItem* stored =
         entry && entry->queueItem ? queueItem(*entry->queueItem) : nullptr;
     const fs::path output = stored && stored->outputPath ? fs::path(*stored->outputPath)
-                            : entry                     ? fs::path(entry->plannedOutput)
-                                                        : fs::path();
+                            : entry                      ? fs::path(entry->plannedOutput)
+                                                         : fs::path();
     if (stored && stored->state == ExportQueueItemState::completed && !output.empty() &&
         fileExists(output)) {
       item.state = AgentItemState::completed;
@@ -509,9 +480,8 @@ void AgentJobService::reconcileInterrupted(const exporting::ExportQueueStore& qu
       if (result.state != AgentResultState::running) continue;
       AgentJobLink link;
       try {
-        link = AgentJobLink::decode(
-            readWholeFile(AgentPaths::stateFile(jobID, m_config.stateFolder),
-                          AgentProtocol::maxResultBytes));
+        link = AgentJobLink::decode(readWholeFile(
+            AgentPaths::stateFile(jobID, m_config.stateFolder), AgentProtocol::maxResultBytes));
       } catch (const std::exception& damaged) {
         // Without a link nothing can be said about its items but that they
         // did not finish here.

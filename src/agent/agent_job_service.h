@@ -114,6 +114,5 @@ class AgentJobService {
 
 // The final state of a job whose items have all ended.
 AgentResultState finalState(const AgentCounts& counts, bool cancelled);
-AgentCounts countItems(const std::vector<AgentItem>& items);
 
 }  // namespace tarnbloom::agent

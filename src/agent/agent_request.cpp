@@ -84,10 +84,14 @@ canvas::CanvasConfirmation readConfirmation(const ObjectReader& fields, const Js
 }
 
 AgentExportSettings readSettings(const ObjectReader& fields, const Json& raw) {
-  fields.refuseUnknownKeys({"max_kb", "profile", "icc", "exif", "xmp", "gps", "flatten", "canvas",
-                            "canvas_confirmation", "receipts", "allow_8bit"});
+  fields.refuseUnknownKeys({"max_kb", "jpeg_quality", "webp_quality", "heif_quality", "profile",
+                            "icc", "exif", "xmp", "gps", "flatten", "canvas", "canvas_confirmation",
+                            "receipts", "allow_8bit", "shard"});
   AgentExportSettings settings;
   settings.maxKB = fields.optionalInteger("max_kb");
+  settings.jpegQuality = fields.optionalInteger("jpeg_quality");
+  settings.webpQuality = fields.optionalInteger("webp_quality");
+  settings.heifQuality = fields.optionalInteger("heif_quality");
   settings.profile = optionalRaw(fields, "profile", encoding::profilePolicyFromRawValue);
   settings.icc = optionalRaw(fields, "icc", encoding::metadataToggleFromRawValue);
   settings.exif = optionalRaw(fields, "exif", encoding::metadataToggleFromRawValue);
@@ -100,12 +104,16 @@ AgentExportSettings readSettings(const ObjectReader& fields, const Json& raw) {
     settings.canvasConfirmation = readConfirmation(*confirmation, raw.at("canvas_confirmation"));
   settings.receipts = optionalRaw(fields, "receipts", receiptsFromRawValue);
   settings.allow8Bit = fields.optionalBoolean("allow_8bit");
+  settings.shard = fields.optionalString("shard");
   return settings;
 }
 
 OrderedJson encodeSettings(const AgentExportSettings& settings) {
   OrderedJson object = OrderedJson::object();
   if (settings.maxKB) object["max_kb"] = *settings.maxKB;
+  if (settings.jpegQuality) object["jpeg_quality"] = *settings.jpegQuality;
+  if (settings.webpQuality) object["webp_quality"] = *settings.webpQuality;
+  if (settings.heifQuality) object["heif_quality"] = *settings.heifQuality;
   if (settings.profile) object["profile"] = encoding::rawValue(*settings.profile);
   if (settings.icc) object["icc"] = encoding::rawValue(*settings.icc);
   if (settings.exif) object["exif"] = encoding::rawValue(*settings.exif);
@@ -117,6 +125,7 @@ OrderedJson encodeSettings(const AgentExportSettings& settings) {
     object["canvas_confirmation"] = canvas::confirmationJson(*settings.canvasConfirmation);
   if (settings.receipts) object["receipts"] = rawValue(*settings.receipts);
   if (settings.allow8Bit) object["allow_8bit"] = *settings.allow8Bit;
+  if (settings.shard) object["shard"] = *settings.shard;
   return object;
 }
 
@@ -328,8 +337,9 @@ void validateRecipeRunRequest(const AgentRequest& request) {
   const auto& settings = request.settings;
   const bool settingsDecideLook =
       settings &&
-      (settings->maxKB || settings->profile || settings->icc || settings->exif || settings->xmp ||
-       settings->gps || settings->flatten || settings->canvas || settings->canvasConfirmation);
+      (settings->maxKB || settings->jpegQuality || settings->webpQuality || settings->heifQuality ||
+       settings->profile || settings->icc || settings->exif || settings->xmp || settings->gps ||
+       settings->flatten || settings->canvas || settings->canvasConfirmation);
   if (request.size || request.method || request.strength || request.format || request.quality ||
       request.name || settingsDecideLook)
     refuse(AgentErrorInfo::recipeRunTakesRecipeAndSourcesOnly());
@@ -342,6 +352,16 @@ void applySettings(const AgentExportSettings& settings, exporting::JobDescriptio
       refuse(invalidSetting("settings.max_kb must be a whole number of kilobytes, at least 1."));
     options.jpeg.maxBytes = *settings.maxKB * 1000;
   }
+  const auto quality = [](const std::optional<int64_t>& value, const char* key) {
+    if (value && (*value < 1 || *value > 100))
+      refuse(invalidSetting(std::string("settings.") + key +
+                            " must be a whole number from 1 to 100."));
+    return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
+  };
+  if (const auto q = quality(settings.jpegQuality, "jpeg_quality")) options.jpeg.quality = *q;
+  if (const auto q = quality(settings.webpQuality, "webp_quality"))
+    options.webp.lossyQuality = static_cast<float>(*q);
+  if (const auto q = quality(settings.heifQuality, "heif_quality")) options.heifQuality = *q;
   encoding::ColourPolicy& policy = options.colourPolicy;
   if (settings.profile) policy.profile = *settings.profile;
   if (settings.icc) policy.icc = *settings.icc;

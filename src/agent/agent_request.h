@@ -50,6 +50,11 @@ enum class AgentReceipts { beside, store };
 // the base options.
 struct AgentExportSettings {
   std::optional<int64_t> maxKB;  // max_kb: JPEG ceiling, 1 KB = 1000 bytes
+  // Each lossy format's quality, 1–100: the protocol's `quality` names one
+  // format, the command line's --quality every format a batch may write.
+  std::optional<int64_t> jpegQuality;  // jpeg_quality
+  std::optional<int64_t> webpQuality;  // webp_quality
+  std::optional<int64_t> heifQuality;  // heif_quality: HEIC and AVIF
   std::optional<encoding::ProfilePolicy> profile;
   std::optional<encoding::MetadataToggle> icc;
   std::optional<encoding::MetadataToggle> exif;
@@ -61,6 +66,8 @@ struct AgentExportSettings {
   std::optional<AgentReceipts> receipts;
   // allow_8bit: someone confirmed reducing 16-bit sources to 8-bit formats.
   std::optional<bool> allow8Bit;
+  // shard: "K/N", export only shard K (from 0) of N of the planned batch.
+  std::optional<std::string> shard;
 
   bool operator==(const AgentExportSettings&) const = default;
 };

@@ -13,6 +13,7 @@
 #include "export/export_planner.h"
 #include "recipes/folder_batch_walker.h"
 #include "recipes/recipe_run_planner.h"
+#include "recipes/shard.h"
 #include "support/files.h"
 #include "support/settings.h"
 #include "support/state_paths.h"
@@ -27,6 +28,11 @@ using Exclusion = AgentResolvedPlan::Exclusion;
 namespace {
 
 [[noreturn]] void refuse(AgentErrorInfo info) { throw AgentProtocolError(std::move(info)); }
+
+// Nothing left to export: a refusal that carries the sources left out.
+struct NothingToExport {
+  AgentResolveFailure failure;
+};
 
 // Sentences of this step that only the resolver says.
 
@@ -173,7 +179,7 @@ class Resolution {
     exporting::ExportPlanner planner(planningDescription(description), nameTemplate, destination);
     planner.reserve(takenNames());
     planner.refuseUnreadable(true);
-    addUnit(description, nameTemplate, m_out, planner.plan(m_files));
+    addUnit(description, nameTemplate, m_out, sharded(planner.plan(m_files)));
     return finish();
   }
 
@@ -199,7 +205,7 @@ class Resolution {
       description.collision = collisionPolicy(m_plan.ifExists);
       const auto& output = recipe.outputs[unit.outputIndex];
       const auto folder = recipes::RecipeRunPlanner::destinationOf(output, settings).folder;
-      addUnit(description, output.namingTemplate, folder, std::move(unit.plan));
+      addUnit(description, output.namingTemplate, folder, sharded(std::move(unit.plan)));
     }
     return finish();
   }
@@ -219,6 +225,13 @@ class Resolution {
     }
     if (anyFolder && !m_request.out) refuse(AgentErrorInfo::outRequiredForFolder());
     if (m_request.out) m_out = resolveOutputFolder(*m_request.out);
+    if (m_request.settings && m_request.settings->shard) {
+      try {
+        m_shard = recipes::parseShard(*m_request.settings->shard);
+      } catch (const recipes::ShardSpecError& error) {
+        refuse({AgentErrorCode::invalidArgument, error.description()});
+      }
+    }
 
     std::set<fs::path> seen;
     const auto add = [&](const fs::path& file) {
@@ -238,7 +251,10 @@ class Resolution {
           folder, m_request.recursive.value_or(false), {*m_out});
       for (const auto& problem : walk.problems)
         exclude({problem.folder, AgentErrorCode::unreadableSource, problem.message});
-      for (const auto& file : walk.files) add(file);
+      for (const auto& file : walk.files) {
+        add(file);
+        m_walked.emplace(file, folder);
+      }
     }
     m_anyFolder = anyFolder;
   }
@@ -356,6 +372,19 @@ class Resolution {
     return description;
   }
 
+  // The batch is planned whole, so that names and numbers are those of an
+  // unsharded run; then only this shard's part of it is kept.
+  exporting::ExportPlan sharded(exporting::ExportPlan plan) {
+    m_batchHasItems = m_batchHasItems || !plan.items.empty();
+    if (!m_shard) return plan;
+    recipes::keepShard(plan, *m_shard, [this](const fs::path& source) {
+      const auto found = m_walked.find(source);
+      return recipes::stableShardKey(
+          source, found == m_walked.end() ? std::nullopt : std::optional(found->second));
+    });
+    return plan;
+  }
+
   void addUnit(exporting::JobDescription description, std::string nameTemplate,
                std::optional<fs::path> folder, exporting::ExportPlan plan) {
     Unit unit;
@@ -387,7 +416,9 @@ class Resolution {
       unit.items.push_back(std::move(item));
     }
     for (const auto& refusal : plan.refusals)
-      exclude({refusal.source, exclusionCode(refusal), refusal.text});
+      exclude({refusal.source, exclusionCode(refusal), refusal.text,
+               m_walked.contains(refusal.source) && refusal.preflight &&
+                   refusal.preflight->cause == exporting::PreflightCause::notAnImage});
     m_plan.units.push_back(std::move(unit));
   }
 
@@ -414,7 +445,12 @@ class Resolution {
   AgentResolvedPlan finish() {
     const bool nothing = std::all_of(m_plan.units.begin(), m_plan.units.end(),
                                      [](const Unit& unit) { return unit.items.empty(); });
-    if (nothing) refuse(AgentErrorInfo::noImagesFound());
+    // A shard that holds nothing of a batch that does is done, not wrong.
+    if (nothing && !(m_shard && m_batchHasItems)) {
+      AgentResolveFailure failure(AgentErrorInfo::noImagesFound());
+      failure.exclusions = std::move(m_plan.exclusions);
+      throw NothingToExport(std::move(failure));
+    }
     if (m_request.strength) m_plan.echo.strength = std::clamp(*m_request.strength, 0.1, 1.0);
     return std::move(m_plan);
   }
@@ -423,6 +459,12 @@ class Resolution {
   const AgentResolverEnvironment& m_environment;
   std::optional<fs::path> m_out;
   std::vector<fs::path> m_files;
+  // Files a folder walk found, with the folder: the notes and sidecars
+  // among them are set aside, where a file named on its own that is no
+  // photo fails; and their shard key is their place in that folder.
+  std::map<fs::path, fs::path> m_walked;
+  std::optional<recipes::ShardSpec> m_shard;
+  bool m_batchHasItems = false;  // before sharding
   bool m_anyFolder = false;
   AgentResolvedPlan m_plan;
 };
@@ -513,6 +555,8 @@ AgentResolution AgentRequestResolver::resolve(const AgentRequest& request,
         // Information commands and cancel are answered without a plan.
         return AgentErrorInfo::generic(AgentErrorCode::internal);
     }
+  } catch (const NothingToExport& nothing) {
+    return nothing.failure;
   } catch (const AgentProtocolError& error) {
     return error.info();
   } catch (const Error& error) {
@@ -529,8 +573,20 @@ AgentResult AgentRequestResolver::rejectedResult(const AgentRequest& request,
   result.state = AgentResultState::rejected;
   result.request = AgentResultRequest::echoing(request);
   result.dryRun = request.dryRun;
-  result.error = failure;
+  result.error = static_cast<const AgentErrorInfo&>(failure);
+  for (const auto& exclusion : failure.exclusions) result.items.push_back(exclusionItem(exclusion));
+  result.counts = countItems(result.items);
   return result;
+}
+
+AgentItem exclusionItem(const AgentResolvedPlan::Exclusion& exclusion) {
+  AgentItem item;
+  item.source = exclusion.source.string();
+  const bool failed = !exclusion.notAPhoto && (exclusion.code == AgentErrorCode::unreadableSource ||
+                                               exclusion.code == AgentErrorCode::sourceMissing);
+  item.state = failed ? AgentItemState::failed : AgentItemState::skipped;
+  item.error = AgentErrorInfo{exclusion.code, exclusion.message};
+  return item;
 }
 
 exporting::ExportOptions AgentRequestResolver::factoryOptions() {

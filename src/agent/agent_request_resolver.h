@@ -21,9 +21,6 @@ namespace tarnbloom::agent {
 
 struct AgentResolverEnvironment;
 
-// Why a request cannot be planned: a code and a sentence of the catalogue.
-using AgentResolveFailure = AgentErrorInfo;
-
 // What an export request will do, decided before anything is written: every
 // output's path, size, format and method, what happens where the name is
 // taken, and the sources left out with the reason.
@@ -62,6 +59,8 @@ struct AgentResolvedPlan {
     std::filesystem::path source;
     AgentErrorCode code = AgentErrorCode::unreadableSource;
     std::string message;
+    // Not a photo at all (a note, a sidecar): set aside, not a failure.
+    bool notAPhoto = false;
 
     bool operator==(const Exclusion&) const = default;
   };
@@ -82,6 +81,19 @@ struct AgentResolvedPlan {
   // each exclusion as a "skipped" item carrying its error.
   AgentResult dryRunResult(const AgentResolverEnvironment& environment) const;
 };
+
+// Why a request cannot be planned: a code and a sentence of the catalogue,
+// and, when nothing was left to export, the sources left out and why, so
+// that the caller hears about each file and not only that none remained.
+struct AgentResolveFailure : AgentErrorInfo {
+  AgentResolveFailure(AgentErrorInfo info = {}) : AgentErrorInfo(std::move(info)) {}
+  std::vector<AgentResolvedPlan::Exclusion> exclusions;
+};
+
+// An excluded source as a finished item: unreadable and missing sources
+// fail the way a failed export would; the others (a note beside the photos,
+// a target smaller than the source, a taken name with "skip") skip.
+AgentItem exclusionItem(const AgentResolvedPlan::Exclusion& exclusion);
 
 using AgentResolution = std::variant<AgentResolvedPlan, AgentResolveFailure>;
 

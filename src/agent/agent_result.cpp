@@ -135,7 +135,8 @@ AgentItem readItem(const ObjectReader& fields) {
   item.progress = fields.optionalNumber("progress");
   if (const auto* notes = fields.optionalArray("notes"))
     for (const auto& note : *notes) {
-      if (!note.is_string()) fields.fail(fields.path("notes") + " holds something other than text.");
+      if (!note.is_string())
+        fields.fail(fields.path("notes") + " holds something other than text.");
       item.notes.push_back(note.get<std::string>());
     }
   return item;
@@ -294,6 +295,29 @@ AgentProgressEvent decodeProgressEvent(std::span<const std::byte> bytes) {
   event.error = optionalError(fields, "error");
   event.state = fields.optionalEnumeration<AgentResultState>("state");
   return event;
+}
+
+AgentCounts countItems(const std::vector<AgentItem>& items) {
+  AgentCounts counts;
+  for (const auto& item : items) {
+    switch (item.state) {
+      case AgentItemState::completed:
+        ++counts.completed;
+        break;
+      case AgentItemState::skipped:
+        ++counts.skipped;
+        break;
+      case AgentItemState::failed:
+        ++counts.failed;
+        break;
+      case AgentItemState::cancelled:
+        ++counts.cancelled;
+        break;
+      default:
+        break;
+    }
+  }
+  return counts;
 }
 
 }  // namespace tarnbloom::agent

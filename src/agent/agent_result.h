@@ -138,6 +138,9 @@ std::string encodeResult(const AgentResult& result);
 // an ISO-8601 UTC timestamp: " and the text).
 AgentResult decodeResult(std::span<const std::byte> bytes);
 
+// The tallies of the items' outcomes.
+AgentCounts countItems(const std::vector<AgentItem>& items);
+
 // The exit status a finished result gives the command-line caller; nothing
 // while the job runs, so that the caller keeps waiting. A rejection gives
 // the exit code of its error (usage without one).

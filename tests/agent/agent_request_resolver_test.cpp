@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <span>
 
 #include "fixtures.h"
@@ -59,9 +60,9 @@ class AgentResolverTest : public ::testing::Test {
   AgentErrorInfo refusal(const AgentRequest& r) const {
     const auto resolution = AgentRequestResolver::resolve(r, environment);
     EXPECT_TRUE(std::holds_alternative<AgentResolveFailure>(resolution));
-    return std::holds_alternative<AgentResolveFailure>(resolution)
-               ? std::get<AgentResolveFailure>(resolution)
-               : AgentErrorInfo{};
+    if (const auto* failure = std::get_if<AgentResolveFailure>(&resolution))
+      return static_cast<const AgentErrorInfo&>(*failure);
+    return AgentErrorInfo{};
   }
 
   testing::TempDir dir;
@@ -142,6 +143,19 @@ TEST_F(AgentResolverTest, SourcesAndTheOutputFolderAreRefusedWithWhatIsWrong) {
   r = request({folder("notes")});
   r.out = (root / "out").string();
   EXPECT_EQ(refusal(r), AgentErrorInfo::noImagesFound());
+  // The refusal still says what each file was, so the caller can tell.
+  const auto refused = AgentRequestResolver::rejectedResult(
+      r, std::get<AgentResolveFailure>(AgentRequestResolver::resolve(r, environment)), environment);
+  ASSERT_EQ(refused.items.size(), 1u);
+  EXPECT_EQ(refused.items[0].state, AgentItemState::skipped);  // a note beside photos
+  EXPECT_EQ(refused.items[0].error->code, Code::unreadableSource);
+  testing::writeText(root / "named.png", "not a photo");  // named on its own, it fails
+  const auto named = AgentRequestResolver::rejectedResult(
+      request({file("named.png")}),
+      std::get<AgentResolveFailure>(
+          AgentRequestResolver::resolve(request({file("named.png")}), environment)),
+      environment);
+  EXPECT_EQ(named.counts.failed, 1);
 
   // ".." is resolved before anything is named from the path.
   const auto dotted = plan(request({{(root / "in/../in/./a.png").string()}}));
@@ -269,6 +283,30 @@ TEST_F(AgentResolverTest, RecipesRunByIdOrNameOnlyWhenNobodyHasToConfirmAnything
       EXPECT_EQ(info.id, twoSizes.id);
     }
   }
+}
+
+// Shards of one batch: each plans the whole batch (names and {index} as an
+// unsharded run gives them) and keeps its own part; together they are the
+// batch, once.
+TEST_F(AgentResolverTest, ShardsSplitTheWholePlanWithoutOverlap) {
+  for (int i = 0; i < 12; ++i) photo("in/sub/p" + std::to_string(i) + ".png");
+  auto r = request({folder("in")});
+  r.out = (root / "out").string();
+  r.recursive = true;
+  r.name = "{index}_{source}";
+  const auto whole = plan(r).items();
+  std::map<fs::path, fs::path> seen;
+  for (int k = 0; k < 3; ++k) {
+    r.settings.emplace().shard = std::to_string(k) + "/3";
+    const auto resolution = AgentRequestResolver::resolve(r, environment);
+    ASSERT_TRUE(std::holds_alternative<AgentResolvedPlan>(resolution)) << k;
+    for (const auto& item : std::get<AgentResolvedPlan>(resolution).items())
+      EXPECT_TRUE(seen.emplace(item.source, item.output).second) << item.source;
+  }
+  ASSERT_EQ(seen.size(), whole.size());
+  for (const auto& item : whole) EXPECT_EQ(seen[item.source], item.output);
+  r.settings->shard = "3/3";
+  EXPECT_EQ(refusal(r).code, Code::invalidArgument);
 }
 
 TEST_F(AgentResolverTest, DryRunListsThePlanAndWhatWasLeftOut) {

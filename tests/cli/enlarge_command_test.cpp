@@ -10,8 +10,9 @@ TEST(EnlargeCommand, EnhanceWithoutAModelSaysWhatIsMissingAndWritesNothing) {
   testing::TempDir dir;
   std::string output;
   const int status = testing::runCommand(
-      "TARNBLOOM_ESTIMATE_MODEL=/nonexistent/model.param " + std::string(TARNBLOOM_CLI) +
-          " enlarge --method enhance --strength 0.5 --size x2 --out '" + dir.path().string() +
+      "TARNBLOOM_HOME='" + (dir / "home").string() +
+          "' TARNBLOOM_ESTIMATE_MODEL=/nonexistent/model.param " + std::string(TARNBLOOM_CLI) +
+          " enlarge --method enhance --strength 0.5 --size x2 --out '" + (dir / "out").string() +
           "' '" + testing::samplePath("chelsea.png").string() + "' 2>&1",
       &output);
   EXPECT_EQ(status, 3);
@@ -20,7 +21,7 @@ TEST(EnlargeCommand, EnhanceWithoutAModelSaysWhatIsMissingAndWritesNothing) {
                   "experimental build."),
       std::string::npos)
       << output;
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+  EXPECT_TRUE(std::filesystem::is_empty(dir / "out"));
 
   EXPECT_EQ(testing::runCommand(std::string(TARNBLOOM_CLI) +
                                 " enlarge --method enhance --strength 1.5 --size x2 --out '" +
@@ -31,10 +32,11 @@ TEST(EnlargeCommand, EnhanceWithoutAModelSaysWhatIsMissingAndWritesNothing) {
 namespace fs = std::filesystem;
 
 int enlarge(const fs::path& home, const std::string& arguments, std::string* output = nullptr) {
-  return testing::runCommand("TARNBLOOM_HOME='" + home.string() + "' " + TARNBLOOM_CLI +
-                                 " enlarge --size x2 --receipts beside " + arguments +
-                                 " 2>/dev/null",
-                             output);
+  return testing::runCommand(
+      "TARNBLOOM_HOME='" + home.string() + "' " + TARNBLOOM_CLI +
+          " enlarge --size x2 --receipts beside " + arguments +
+          (arguments.find("2>&1") == std::string::npos ? " 2>/dev/null" : ""),
+      output);
 }
 
 TEST(EnlargeCommand, TakenNamesAreNumberedSkippedOrReplacedAsAsked) {
@@ -70,21 +72,25 @@ TEST(EnlargeCommand, TakenNamesAreNumberedSkippedOrReplacedAsAsked) {
 TEST(EnlargeCommand, ReportsEachBadFileAndExportsTheRest) {
   testing::TempDir dir;
   testing::writeText(dir / "bad.png", "not an image");
+  const std::string out = "--out '" + (dir / "out").string() + "' ";
+  const std::string bad = "'" + (dir / "bad.png").string() + "' ";
+  const std::string rocket = "'" + testing::samplePath("rocket.jpg").string() + "'";
   std::string said;
+  // A source that is not there is a mistake in the command: nothing runs.
   EXPECT_EQ(enlarge(dir / "home",
-                    "--out '" + (dir / "out").string() + "' '" + (dir / "missing.png").string() +
-                        "' '" + (dir / "bad.png").string() + "' '" +
-                        testing::samplePath("rocket.jpg").string() + "'",
-                    &said),
-            2);
-  EXPECT_NE(said.find("missing.png: “" + (dir / "missing.png").string() + "” doesn’t exist."),
-            std::string::npos)
-      << said;
-  EXPECT_NE(said.find("“bad.png” couldn’t be read as an image."), std::string::npos) << said;
-  EXPECT_TRUE(fs::exists(dir / "out" / "rocket_1280x854.jpg"));
-  EXPECT_EQ(enlarge(dir / "home",
-                    "--out '" + (dir / "out").string() + "' '" + (dir / "bad.png").string() + "'"),
+                    out + "'" + (dir / "missing.png").string() + "' " + rocket + " 2>&1", &said),
             3);
+  EXPECT_NE(said.find((dir / "missing.png").string() + " does not exist."), std::string::npos)
+      << said;
+  EXPECT_FALSE(fs::exists(dir / "out" / "rocket_1280x854.jpg"));
+  said.clear();
+  EXPECT_EQ(enlarge(dir / "home", out + bad + rocket, &said), 2);
+  EXPECT_NE(said.find("bad.png: Not a supported image."), std::string::npos) << said;
+  EXPECT_TRUE(fs::exists(dir / "out" / "rocket_1280x854.jpg"));
+  said.clear();
+  EXPECT_EQ(enlarge(dir / "home", out + bad + " 2>&1", &said), 1);
+  EXPECT_NE(said.find("bad.png: Not a supported image."), std::string::npos) << said;
+  EXPECT_NE(said.find("No images were found in the given sources."), std::string::npos) << said;
 }
 
 TEST(EnlargeCommand, HelpAndAReaderThatGoesAwayAreNoReasonToFail) {
@@ -125,17 +131,18 @@ TEST(EnlargeCommand, SixteenBitToJpegNeedsAllow8Bit) {
   testing::writePng(dir / "deep.png", 40, 30, 3, 16, deep);
   const std::string photo = " '" + (dir / "deep.png").string() + "'";
   std::string said;
-  EXPECT_EQ(enlarge(dir / "home", "--format jpeg --out '" + (dir / "out").string() + "'" + photo,
-                    &said),
-            3);
-  EXPECT_NE(said.find("deep.png: skipped. The 16-bit disclosure wasn’t confirmed, so this file "
-                      "was skipped.\nNo files exported.\n1 skipped. See receipt.\n"),
+  EXPECT_EQ(
+      enlarge(dir / "home", "--format jpeg --out '" + (dir / "out").string() + "'" + photo, &said),
+      0);
+  EXPECT_NE(said.find("deep.png: skipped. This source is 16-bit and the output format stores "
+                      "8-bit channels."),
             std::string::npos)
       << said;
+  EXPECT_NE(said.find("No files exported.\n1 skipped. See receipt.\n"), std::string::npos) << said;
   EXPECT_TRUE(testing::filesIn(dir / "out").empty());
   EXPECT_EQ(enlarge(dir / "home", "--allow-8bit --format jpeg" + photo, &said), 0);
-  EXPECT_NE(said.find("Exported 1 file.\nSaved next to the original.\n"), std::string::npos)
-      << said;
+  EXPECT_NE(said.find("Exported 1 file.\n"), std::string::npos) << said;
+  EXPECT_NE(said.find("Saved next to the original.\n"), std::string::npos) << said;
   EXPECT_TRUE(fs::exists(dir / "deep_80x60.jpg"));
   EXPECT_EQ(enlarge(dir / "home", "--allow-8bit --format webp" + photo, &said), 0);
   EXPECT_NE(said.find("(80 × 60)\n  16-bit source reduced to 8-bit for WebP.\n"), std::string::npos)
@@ -153,9 +160,9 @@ TEST(EnlargeCommand, AFolderWithHostileFilesExportsTheRest) {
     fs::copy_file(kept / name, in / name);
   fs::copy_file(testing::samplePath("rocket.jpg"), in / "rocket.jpg");
   std::string said;
-  EXPECT_EQ(enlarge(dir / "home", "--out '" + (dir / "out").string() + "' '" + in.string() + "'",
-                    &said),
-            2);
+  EXPECT_EQ(
+      enlarge(dir / "home", "--out '" + (dir / "out").string() + "' '" + in.string() + "'", &said),
+      2);
   EXPECT_NE(said.find("“heif-decode-segv.heic” couldn’t be read as an image.\n  The decoder "
                       "stopped with signal"),
             std::string::npos)
@@ -176,7 +183,9 @@ namespace {
 TEST(QueueCommand, RetryRunsFailedFilesAsANewJobOnce) {
   testing::TempDir dir;
   const fs::path photo = dir / "photo.png";
-  testing::writeText(photo, "not yet an image");
+  // Its header reads, so it is planned; its pixels are cut off, so it fails.
+  const auto whole = testing::readBytes(testing::samplePath("chelsea.png"));
+  testing::writeText(photo, std::string(reinterpret_cast<const char*>(whole.data()), 400));
   const std::string tool = "TARNBLOOM_HOME='" + (dir / "home").string() + "' " + TARNBLOOM_CLI;
   const std::string out = " --out '" + (dir / "out").string() + "' ";
   EXPECT_EQ(enlarge(dir / "home", out + "'" + photo.string() + "' '" +

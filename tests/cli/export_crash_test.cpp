@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -31,8 +32,43 @@ struct ToolRun {
   double seconds = 0;
 };
 
+std::string readProcFile(const fs::path& path) {
+  std::ifstream stream(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+// The running instances serving `home`: `tarnbloom enlarge` hands its work
+// to one (starting it when none runs), so killing the tool alone would
+// kill nothing that exports. Found by their command line and environment;
+// a zombie has neither.
+std::vector<pid_t> instancesOf(const fs::path& home) {
+  std::vector<pid_t> found;
+  std::error_code error;
+  const std::string variable = "TARNBLOOM_HOME=" + home.string() + '\0';
+  for (const auto& entry : fs::directory_iterator("/proc", error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    const std::string command = readProcFile(entry.path() / "cmdline");
+    if (command.find(std::string("\0service\0")) == std::string::npos) continue;
+    if (readProcFile(entry.path() / "environ").find(variable) == std::string::npos) continue;
+    found.push_back(static_cast<pid_t>(std::stoi(name)));
+  }
+  return found;
+}
+
+// Ends the instances serving `home` with `signal` and waits until they are gone.
+void stopInstances(const fs::path& home, int signal) {
+  const auto deadline = Clock::now() + std::chrono::seconds(30);
+  for (auto pids = instancesOf(home); !pids.empty() && Clock::now() < deadline;
+       pids = instancesOf(home)) {
+    for (const pid_t pid : pids) ::kill(pid, signal);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
 // Runs the tool with TARNBLOOM_HOME set; kills it with SIGKILL after
-// `killAfter` seconds when given, or once `killWhen` says so.
+// `killAfter` seconds when given, or once `killWhen` says so, together with
+// the instance doing its work. Whatever the tool started is gone on return.
 ToolRun runTool(const fs::path& home, const std::vector<std::string>& arguments,
                 std::optional<double> killAfter = std::nullopt,
                 const std::function<bool()>& killWhen = {},
@@ -53,20 +89,33 @@ ToolRun runTool(const fs::path& home, const std::vector<std::string>& arguments,
     ::_exit(127);
   }
   ToolRun run;
-  if (killAfter) {
-    std::this_thread::sleep_for(std::chrono::duration<double>(*killAfter));
-    ::kill(pid, SIGKILL);
-  }
+  bool killed = false;
   int status = 0;
   bool reaped = false;
+  if (killAfter) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(*killAfter));
+    reaped = ::waitpid(pid, &status, WNOHANG) == pid;
+    if (!reaped) {
+      stopInstances(home, SIGKILL);
+      ::kill(pid, SIGKILL);
+      killed = true;
+    }
+  }
   if (killWhen) {
     while (!killWhen() && !(reaped = ::waitpid(pid, &status, WNOHANG) == pid))
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (!reaped) ::kill(pid, SIGKILL);
+    if (!reaped) {
+      stopInstances(home, SIGKILL);
+      ::kill(pid, SIGKILL);
+      killed = true;
+    }
   }
   if (!reaped) ::waitpid(pid, &status, 0);
   run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  if (WIFEXITED(status)) run.status = WEXITSTATUS(status);
+  // An instance started by the tool would otherwise linger until idle and
+  // hold the state folder for the next step.
+  stopInstances(home, killed ? SIGKILL : SIGTERM);
+  if (WIFEXITED(status) && !killed) run.status = WEXITSTATUS(status);
   return run;
 }
 
@@ -264,7 +313,8 @@ TEST(ExportCrashSafety, AKillDuringADecodeIsResumed) {
   const auto sources = twoPhotos(dir / "in");
   const fs::path home = dir / "home", out = dir / "out";
   const std::vector<std::string> enlarge = {
-      "enlarge", "--size", "x2", "--receipts", "beside", "--out", out.string(), (dir / "in").string()};
+      "enlarge", "--size", "x2",         "--receipts",
+      "beside",  "--out",  out.string(), (dir / "in").string()};
   const auto inDecode = [&] { return reading(home); };
   EXPECT_LT(runTool(home, enlarge, std::nullopt, inDecode, hangingDecoder(dir.path())).status, 0);
   ASSERT_EQ(runTool(home, {"queue", "resume"}).status, 0);
@@ -282,17 +332,17 @@ TEST(ExportCrashSafety, ASourceThatKillsTheProgramTwiceWhileReadIsLeftOut) {
                 .status,
             0);
   // Once is bad luck: the next run reads the file again, and dies again.
-  EXPECT_LT(runTool(home, {"queue", "resume"}, std::nullopt, [&] { return reading(home, 2); },
-                    hanging)
+  EXPECT_LT(runTool(
+                home, {"queue", "resume"}, std::nullopt, [&] { return reading(home, 2); }, hanging)
                 .status,
             0);
   EXPECT_TRUE(filesIn(out).empty());
   // Twice is the file: it is left out, and later jobs run as ever.
   std::string listing;
   const std::string tool = TARNBLOOM_CLI;
-  EXPECT_EQ(testing::runCommand("TARNBLOOM_HOME=" + home.string() + " " + tool +
-                                    " queue resume; echo status $?",
-                                &listing),
+  EXPECT_EQ(testing::runCommand(
+                "TARNBLOOM_HOME=" + home.string() + " " + tool + " queue resume; echo status $?",
+                &listing),
             0);
   EXPECT_NE(listing.find("“a.jpg” stopped the program twice while it was being read; it was left "
                          "out.\nNo interrupted exports to resume.\n"),
@@ -300,12 +350,12 @@ TEST(ExportCrashSafety, ASourceThatKillsTheProgramTwiceWhileReadIsLeftOut) {
       << listing;
   EXPECT_NE(listing.find("status 3"), std::string::npos) << listing;  // nothing exported
   EXPECT_TRUE(filesIn(home / "Operations").empty());
-  ASSERT_EQ(runTool(home, {"enlarge", "--size", "x2", "--out", out.string(), sources[1].string()})
-                .status,
-            0);
+  ASSERT_EQ(
+      runTool(home, {"enlarge", "--size", "x2", "--out", out.string(), sources[1].string()}).status,
+      0);
   EXPECT_EQ(filesIn(out).size(), 1u);
-  ASSERT_EQ(testing::runCommand("TARNBLOOM_HOME=" + home.string() + " " + tool + " queue", &listing),
-            0);
+  ASSERT_EQ(
+      testing::runCommand("TARNBLOOM_HOME=" + home.string() + " " + tool + " queue", &listing), 0);
   EXPECT_NE(listing.find("failed  a.jpg"), std::string::npos) << listing;
 }
 
@@ -344,8 +394,8 @@ TEST(RecipeBatch, TwoOutputsOverAHostileFolderSurviveAKill) {
        "metadata": {"icc": "keep", "exif": "keep", "xmp": "keep", "gps": "strip"},
        "naming": {"template": "{index}_{source}_{w}x{h}", "destination": null}}]})");
   ASSERT_EQ(runTool(home, {"recipe", "import", (dir / "shop.tarnbloomrecipe").string()}).status, 0);
-  EXPECT_EQ(runTool(home, {"preflight", in.string(), "--out", out.string(), "--recipe",
-                           "Shop pair", "--exclusions", (dir / "excluded.tsv").string()})
+  EXPECT_EQ(runTool(home, {"preflight", in.string(), "--out", out.string(), "--recipe", "Shop pair",
+                           "--exclusions", (dir / "excluded.tsv").string()})
                 .status,
             2);
   std::string excluded = testing::readText(dir / "excluded.tsv");
@@ -355,8 +405,8 @@ TEST(RecipeBatch, TwoOutputsOverAHostileFolderSurviveAKill) {
               std::string::npos)
         << excluded;
 
-  const std::vector<std::string> run = {"enlarge", "--recipe", "Shop pair", "--out", out.string(),
-                                        "--receipts", "beside", in.string()};
+  const std::vector<std::string> run = {"enlarge",    "--recipe",   "Shop pair", "--out",
+                                        out.string(), "--receipts", "beside",    in.string()};
   runTool(home, run, std::nullopt, [&] { return !filesIn(out).empty(); });
   const ToolRun resumed = runTool(home, {"queue", "resume"});
   EXPECT_TRUE(resumed.status == 0 || resumed.status == 2) << resumed.status;

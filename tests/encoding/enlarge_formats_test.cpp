@@ -100,7 +100,7 @@ TEST(EnlargeCommand, FlattensAndMeetsTheCeiling) {
                         (dir / "noise.jpg").string() + "'",
                     &output),
             0);
-  EXPECT_NE(output.find("reached the minimum JPEG quality (Q40)"), std::string::npos) << output;
+  EXPECT_NE(output.find("Reached the minimum JPEG quality (Q40)"), std::string::npos) << output;
 }
 
 }  // namespace
