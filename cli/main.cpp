@@ -3,8 +3,8 @@
 #include <clocale>
 #include <csignal>
 #include <cstring>
-#include <cstdlib>
 #include <filesystem>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -20,6 +20,7 @@
 #include "cli/preflight_command.h"
 #include "cli/queue_command.h"
 #include "cli/recipe_command.h"
+#include "cli/report_command.h"
 
 namespace {
 
@@ -44,6 +45,8 @@ constexpr const char* kUsage =
     "  preflight FOLDER --out DEST --size SIZE [OPTIONS] [--exclusions FILE] [--json]\n"
     "                          say what a folder batch would enlarge and set aside, exporting "
     "nothing\n"
+    "  report DIR [--json|--csv] [--receipts FOLDER]...\n"
+    "                          check every output under DIR against its receipt, in one table\n"
     "  canvas preview FILE --size SIZE --canvas WxH --crop X,Y --out PREVIEW.png\n"
     "                          write a crop preview and the confirmation an export of it needs\n"
     "  recipe list|show|import|export|delete|save ...\n"
@@ -119,6 +122,7 @@ int main(int argc, char** argv) {
   if (command == "enlarge") return tarnbloom::cli::runEnlarge(arguments);
   if (command == "queue") return tarnbloom::cli::runQueue(arguments);
   if (command == "preflight") return tarnbloom::cli::runPreflight(arguments);
+  if (command == "report") return tarnbloom::cli::runReport(arguments);
   if (command == "canvas") return tarnbloom::cli::runCanvas(arguments);
   if (command == "recipe") return tarnbloom::cli::runRecipe(arguments);
   if (command == "mcp") return tarnbloom::cli::runMcp(arguments);

@@ -13,6 +13,7 @@
 #include "cli/recipe_command.h"
 #include "recipes/folder_batch_walker.h"
 #include "recipes/recipe_run_planner.h"
+#include "recipes/shard.h"
 #include "support/files.h"
 
 namespace tarnbloom::cli {
@@ -25,21 +26,32 @@ const std::string kUsage =
     std::string(
         "Usage: tarnbloom preflight FOLDER --out DEST [--recursive] --size SIZE [OPTIONS]\n"
         "       tarnbloom preflight FOLDER --out DEST [--recursive] --recipe ID|NAME\n"
-        "       ... [--exclusions FILE] [--json]\n"
+        "       ... [--exclusions FILE] [--json] [--shard K/N]\n"
         "Says which files of FOLDER a batch into DEST would enlarge, under which names, and\n"
         "which it would set aside and why. Nothing is exported.\n") +
     kExportFlagsUsage +
     "  --allow-8bit         16-bit sources may be reduced to 8 bits\n"
     "  --exclusions FILE    save the files set aside as tab-separated text\n"
     "  --json               one JSON object instead of the lists\n"
+    "  --shard K/N          plan the whole batch, report only shard K of N (0 <= K < N),\n"
+    "                       as `enlarge --shard K/N` would export it\n"
     "Exit status: 0 every file passes, 2 some are set aside, 3 none passes, 1 usage error.\n";
 
 struct Options {
   ExportFlags flags;
   std::optional<std::string> recipe;
+  std::optional<recipes::ShardSpec> shard;
   fs::path folder, out, exclusions;
   bool recursive = false, json = false, allow8Bit = false;
 };
+
+recipes::ShardSpec parsedShard(const std::string& text) {
+  try {
+    return recipes::parseShard(text);
+  } catch (const recipes::ShardSpecError& error) {
+    throw UsageError(error.description());
+  }
+}
 
 Options parseOptions(const std::vector<std::string>& arguments) {
   Options options;
@@ -62,6 +74,8 @@ Options parseOptions(const std::vector<std::string>& arguments) {
       options.allow8Bit = true;
     else if (a == "--recipe")
       options.recipe = next();
+    else if (a == "--shard")
+      options.shard = parsedShard(next());
     else if (a.size() > 1 && a[0] == '-')
       throw UsageError("Unknown option “" + a + "”.");
     else if (options.folder.empty())
@@ -199,13 +213,36 @@ int runPreflight(const std::vector<std::string>& arguments) {
     return kExitUsage;
   }
 
+  // A shard is cut from the plan of the whole batch, so its names and
+  // numbers are the ones the unsharded run would use.
+  size_t shardFiles = walk.files.size();
+  if (options.shard) {
+    const auto keyOf = [&](const fs::path& source) {
+      return recipes::stableShardKey(source, options.folder);
+    };
+    shardFiles = static_cast<size_t>(
+        std::count_if(walk.files.begin(), walk.files.end(), [&](const fs::path& file) {
+          return recipes::shardOf(keyOf(file), options.shard->count) == options.shard->index;
+        }));
+    for (auto& [summary, report] : reports) recipes::keepShard(report, *options.shard, keyOf);
+  }
+
   if (options.json) {
     for (const auto& [summary, report] : reports) {
       auto document = asJson(options, walk, report);
       if (!summary.empty()) document["output"] = summary;
+      if (options.shard)
+        document["shard"] = {{"index", options.shard->index},
+                             {"count", options.shard->count},
+                             {"files", shardFiles},
+                             {"batch_files", walk.files.size()}};
       std::cout << document.dump() << '\n';
     }
   } else {
+    if (options.shard)
+      std::cout << "Shard " << options.shard->index << "/" << options.shard->count << " holds "
+                << shardFiles << " of the batch’s " << walk.files.size()
+                << (walk.files.size() == 1 ? " file" : " files") << ".\n";
     for (const auto& [summary, report] : reports) {
       if (reports.size() > 1) std::cout << "Output: " << summary << '\n';
       printLists(options, walk, report);
@@ -232,6 +269,8 @@ int runPreflight(const std::vector<std::string>& arguments) {
       return kExitFailure;
     }
   }
+  // A shard may hold no file of a small batch; that is no failure.
+  if (options.shard && shardFiles == 0) return kExitSuccess;
   if (passing == 0) return kExitFailure;
   return excluded == 0 ? kExitSuccess : kExitPartial;
 }

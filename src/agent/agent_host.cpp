@@ -13,6 +13,7 @@
 #include "agent/agent_paths.h"
 #include "agent/agent_url.h"
 #include "agent/instance_channel.h"
+#include "export/file_bookmark.h"
 #include "support/event_loop.h"
 #include "support/files.h"
 #include "support/settings.h"
@@ -28,6 +29,20 @@ namespace {
 std::atomic<bool> g_terminate{false};
 
 void onTerminate(int) { g_terminate = true; }
+
+std::vector<AgentResolverEnvironment::FinishedExport> finishedExports(
+    const exporting::ExportQueueStore& queue) {
+  std::vector<AgentResolverEnvironment::FinishedExport> finished;
+  for (const auto& job : queue.jobs())
+    for (const auto& item : job.items) {
+      if (item.state != exporting::ExportQueueItemState::completed || !item.outputPath) continue;
+      const auto source = exporting::FileBookmark::recordedPath(item.inputBookmark);
+      if (!source || !entryExists(*item.outputPath)) continue;
+      finished.push_back({*source, *item.outputPath, item.plannedWidth.value_or(0),
+                          item.plannedHeight.value_or(0)});
+    }
+  return finished;
+}
 
 }  // namespace
 
@@ -57,8 +72,10 @@ AgentHost::AgentHost(Loop loop, fs::path stateFolder, Options options)
   configuration.now = [] { return std::chrono::system_clock::now(); };
   configuration.backend = AgentExportBackend::live(*m_controller);
   configuration.makeResolverEnvironment = [this] {
-    return AgentRequestResolver::Environment::live(m_stateFolder, m_options.app,
-                                                   m_controller->reservedOutputs());
+    auto environment = AgentRequestResolver::Environment::live(m_stateFolder, m_options.app,
+                                                               m_controller->reservedOutputs());
+    environment.finishedExports = finishedExports(*m_queue);
+    return environment;
   };
   configuration.startTimer = m_loop.startTimer;
   configuration.postFinished = [this](const AgentResult& result) { notifyUser(result); };

@@ -401,7 +401,10 @@ class Resolution {
         continue;
       }
       Item item = itemFor(unit.options(), planned);
-      if (const auto found = wanted.find(planned.url); found != wanted.end()) {
+      if (const auto done = finishedBefore(item)) {
+        item.action = AgentPlanAction::skip;
+        item.output = *done;
+      } else if (const auto found = wanted.find(planned.url); found != wanted.end()) {
         const bool skip =
             m_plan.ifExists == AgentIfExists::skip && !earlier.contains(found->second);
         item.action = skip ? AgentPlanAction::skip : AgentPlanAction::number;
@@ -434,6 +437,19 @@ class Resolution {
     item.method = toAgentMethod(options.method);
     item.aiDetail = options.method == ResampleMethod::estimate;
     return item;
+  }
+
+  // A shard run again (its task requeued after a kill) finds the photos it
+  // finished in this state folder, at this size and format in this folder,
+  // and skips them rather than exporting them again under numbered names.
+  std::optional<fs::path> finishedBefore(const Item& item) const {
+    if (!m_shard) return std::nullopt;
+    for (const auto& done : m_environment.finishedExports)
+      if (done.source == item.source && done.output.parent_path() == item.output.parent_path() &&
+          done.output.extension() == item.output.extension() && done.width == item.width &&
+          done.height == item.height)
+        return done.output;
+    return std::nullopt;
   }
 
   void exclude(Exclusion exclusion) {

@@ -108,6 +108,15 @@ struct AgentResolverEnvironment {
   // Output names other unfinished exports hold.
   std::set<std::filesystem::path> reservedOutputs;
   encoding::CanWrite canWriteFormat = encoding::isWritable;
+  // What earlier jobs of this state folder finished and is still on disk: a
+  // shard run again finds its photos done and skips them.
+  struct FinishedExport {
+    std::filesystem::path source;
+    std::filesystem::path output;
+    int64_t width = 0;
+    int64_t height = 0;
+  };
+  std::vector<FinishedExport> finishedExports;
 
   // The running system's: the clock, the settings file, the recipe library
   // of `stateFolder` checked against the methods installed here.

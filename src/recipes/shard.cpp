@@ -68,7 +68,8 @@ void keepShard(exporting::ExportPlan& plan, const ShardSpec& shard, const ShardK
   };
   std::erase_if(plan.items, [&](const auto& item) { return elsewhere(item.url); });
   std::erase_if(plan.refusals, [&](const auto& refusal) { return elsewhere(refusal.source); });
-  std::erase_if(plan.collisions, [&](const auto& collision) { return elsewhere(collision.source); });
+  std::erase_if(plan.collisions,
+                [&](const auto& collision) { return elsewhere(collision.source); });
 }
 
 void keepShard(PreflightReport& report, const ShardSpec& shard, const ShardKeyOf& keyOf) {

@@ -1,8 +1,10 @@
 #include "support/sha256.h"
 
 #include <openssl/evp.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 
@@ -44,6 +46,25 @@ class Sha256 {
 
 }  // namespace
 
+struct Sha256Stream::Context {
+  Sha256 sha;
+};
+
+Sha256Stream::Sha256Stream() : m_context(std::make_unique<Context>()) {}
+Sha256Stream::~Sha256Stream() = default;
+Sha256Stream::Sha256Stream(Sha256Stream&&) noexcept = default;
+Sha256Stream& Sha256Stream::operator=(Sha256Stream&&) noexcept = default;
+
+void Sha256Stream::update(std::span<const std::byte> bytes) {
+  m_context->sha.update(bytes.data(), bytes.size());
+}
+
+std::string Sha256Stream::hex() {
+  std::string text = m_context->sha.hex();
+  m_context = std::make_unique<Context>();
+  return text;
+}
+
 std::string sha256Hex(std::span<const std::byte> bytes) {
   Sha256 sha;
   sha.update(bytes.data(), bytes.size());
@@ -63,6 +84,20 @@ std::optional<std::string> sha256OfFile(const std::filesystem::path& path) {
     sha.update(buffer.data(), got);
   if (std::ferror(file.get())) return std::nullopt;
   return sha.hex();
+}
+
+std::optional<std::string> sha256OfDescriptor(int fd) {
+  Sha256 sha;
+  std::array<char, 1 << 16> buffer;
+  for (;;) {
+    const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return std::nullopt;
+    }
+    if (got == 0) return sha.hex();
+    sha.update(buffer.data(), static_cast<size_t>(got));
+  }
 }
 
 }  // namespace tarnbloom

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "fixtures.h"
@@ -58,6 +59,45 @@ TEST(PreflightCommand, ListsTheBatchAndWhatItSetsAsideAndExportsNothing) {
       1);
   EXPECT_NE(said.find("“in” is the folder you are enlarging."), std::string::npos) << said;
   EXPECT_FALSE(fs::exists(out));
+}
+
+// Shards are cut from the plan of the whole batch: together they are the
+// unsharded run, name for name, and no file is in two of them.
+TEST(PreflightCommand, ShardsPartitionTheBatchUnderTheWholeBatchsNames) {
+  testing::TempDir dir;
+  const fs::path in = dir / "in", out = dir / "out";
+  fs::create_directories(in / "sub");
+  for (int i = 0; i < 12; ++i)
+    testing::writePng(in / (i % 3 ? "" : "sub") / ("p" + std::to_string(i) + ".png"), 4, 3, 3, 8,
+                      std::vector<uint16_t>(36, 90));
+  testing::writeText(in / "notes.png", "not a photo");
+  const std::string batch = "'" + in.string() + "' --out '" + out.string() +
+                            "' --recursive --size x2 --name '{index}-{source}' --json";
+  std::string said;
+  ASSERT_EQ(preflight(dir / "home", batch, &said), 2) << said;
+  const auto whole = nlohmann::json::parse(said);
+  std::map<std::string, std::string> wholeNames, shardNames;
+  for (const auto& item : whole["passed"]) wholeNames[item["file"]] = item["output"];
+  ASSERT_EQ(wholeNames.size(), 12u);
+
+  size_t excluded = 0, files = 0;
+  for (int k = 0; k < 4; ++k) {
+    preflight(dir / "home", batch + " --shard " + std::to_string(k) + "/4", &said);
+    const auto shard = nlohmann::json::parse(said);
+    EXPECT_EQ(shard["shard"]["batch_files"], 13);
+    files += shard["shard"]["files"].get<size_t>();
+    excluded += shard["excluded"].size();
+    for (const auto& item : shard["passed"])
+      EXPECT_TRUE(shardNames.emplace(item["file"], item["output"]).second) << item["file"];
+  }
+  EXPECT_EQ(shardNames, wholeNames);
+  EXPECT_EQ(excluded, 1u);
+  EXPECT_EQ(files, 13u);
+
+  EXPECT_EQ(preflight(dir / "home", batch + " --shard 4/4", &said), 1);
+  EXPECT_NE(said.find("--shard 4/4: shards count from 0"), std::string::npos) << said;
+  EXPECT_EQ(preflight(dir / "home", batch + " --shard two", &said), 1);
+  EXPECT_NE(said.find("--shard takes K/N with 0 ≤ K < N, for example 0/4."), std::string::npos);
 }
 
 }  // namespace

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include "engine/estimate_engine.h"
+#include "export/export_controller.h"
+#include "export/export_job.h"
+#include "export/state_folder_lock.h"
+
+namespace tarnbloom::app {
+
+class QtExecutor;
+
+// What the export sheet asks for: everything about a job but its source.
+struct ExportRequest {
+  exporting::ExportOptions options;
+  std::string nameTemplate;
+  // None: beside the source.
+  std::optional<std::filesystem::path> folder;
+  exporting::CollisionPolicy collision = exporting::CollisionPolicy::number;
+  bool receiptsBesideExports = false;
+};
+
+// One finished item as the progress strip shows it.
+struct FinishedItem {
+  exporting::Result::Kind kind = exporting::Result::Kind::failed;
+  QString sourceName;
+  QString output;   // empty unless exported
+  QString receipt;  // empty when none was written
+  QString text;     // the controller's message for anything but an export
+};
+
+// What launch-time recovery found, in the words the queue defines.
+struct RecoveryFindings {
+  bool interrupted = false;  // "Resume interrupted exports?"
+  QStringList notes;         // load failures, left-out items, mismatched receipts
+};
+
+// The window's host of the export controller: it owns the state folder for
+// this process, the queue, the ledger and the controller on Qt's loop, and
+// turns the controller's events into signals. The lock is taken off the
+// GUI thread, since another process may hold it for a while.
+class ExportHost : public QObject {
+  Q_OBJECT
+
+ public:
+  // `estimates` is shared with the previews and outlives the host.
+  explicit ExportHost(EstimateEngine* estimates, QObject* parent = nullptr);
+  ~ExportHost() override;
+
+  // Takes the state folder's lock; `ready` or `unavailable` follows.
+  void start();
+  bool isReady() const { return m_controller != nullptr; }
+  // Why exports cannot start yet; empty when they can.
+  QString blockedReason() const { return m_blocked; }
+  const exporting::ExportContext& context() const { return m_context; }
+
+  RecoveryFindings recover();
+  // Runs what recovery left pending again, under the names it reserved.
+  QStringList resumeInterrupted();
+  // Leaves interrupted items "stopped": nothing runs now, and a later
+  // retry still can.
+  void discardInterrupted();
+
+  // Plans one source and submits it. Returns the refusal texts
+  // ("photo.jpg: …") when nothing was submitted; empty on success.
+  QStringList submit(const std::filesystem::path& source, const ExportRequest& request);
+  void stop();
+  bool busy() const { return m_controller && m_controller->busy(); }
+
+ Q_SIGNALS:
+  void ready();
+  void blockedChanged(const QString& reason);
+  void itemStarted(const QString& jobID, int index, int count, const QString& name);
+  void itemProgress(const QString& jobID, double fraction);
+  void itemFinished(const QString& jobID, const tarnbloom::app::FinishedItem& item);
+  void jobFinished(const QString& jobID, const QStringList& notes);
+  void stopRequested();
+  void drained();
+
+ private:
+  void finishStart(std::shared_ptr<exporting::StateFolderLock> lock);
+  void onEvent(const exporting::ExportEvent& event);
+  QStringList jobNotes(const exporting::Job& job, const exporting::JobReport& report,
+                       const exporting::JobOutcome& outcome) const;
+
+  EstimateEngine* m_estimates;
+  exporting::ExportContext m_context;
+  QString m_blocked;
+  std::shared_ptr<exporting::StateFolderLock> m_lock;
+  std::unique_ptr<QtExecutor> m_executor;
+  std::unique_ptr<exporting::ExportQueueStore> m_queue;
+  std::unique_ptr<exporting::ExportOperationLedger> m_ledger;
+  std::unique_ptr<exporting::ExportController> m_controller;
+};
+
+}  // namespace tarnbloom::app
