@@ -1,7 +1,5 @@
 #include "app/export_sheet.h"
 
-#include <cmath>
-
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
@@ -13,6 +11,7 @@
 #include <QPushButton>
 #include <QSpinBox>
 #include <QVBoxLayout>
+#include <cmath>
 
 #include "encoding/naming_engine.h"
 #include "support/settings.h"
@@ -21,7 +20,6 @@ namespace tarnbloom::app {
 
 namespace fs = std::filesystem;
 using encoding::ExportFormat;
-using encoding::MetadataToggle;
 using exporting::CollisionPolicy;
 
 namespace {
@@ -30,15 +28,6 @@ constexpr const char* kTemplateKey = "export.nameTemplate";
 constexpr const char* kFolderKey = "export.lastFolder";
 constexpr const char* kCollisionKey = "export.ifExists";
 constexpr const char* kReceiptsKey = "saveReceiptsBesideExports";
-
-QString qsv(std::string_view text) { return QString::fromUtf8(text.data(), static_cast<int>(text.size())); }
-
-template <typename W>
-W* named(W* widget, const QString& name) {
-  widget->setAccessibleName(name);
-  widget->setObjectName(name);
-  return widget;
-}
 
 }  // namespace
 
@@ -67,7 +56,7 @@ void saveRequest(const ExportRequest& request) {
   settings.set(kFolderKey, request.folder ? request.folder->string() : std::string());
   settings.set(kCollisionKey, request.collision == CollisionPolicy::skip      ? "skip"
                               : request.collision == CollisionPolicy::replace ? "replace"
-                                                                               : "number");
+                                                                              : "number");
   settings.set(kReceiptsKey, request.receiptsBesideExports);
   try {
     settings.save();
@@ -79,7 +68,8 @@ void saveRequest(const ExportRequest& request) {
 ExportSheet::ExportSheet(const ExportRequest& initial, fs::path source, ResolvedSize size,
                          QWidget* parent)
     : QDialog(parent), m_source(std::move(source)), m_size(size), m_initial(initial) {
-  setWindowTitle(QStringLiteral("Export “%1”").arg(QString::fromStdString(m_source.filename().string())));
+  setWindowTitle(
+      QStringLiteral("Export “%1”").arg(QString::fromStdString(m_source.filename().string())));
   setAccessibleName(QStringLiteral("Export sheet"));
   setModal(true);
   const auto& o = initial.options;
@@ -89,7 +79,8 @@ ExportSheet::ExportSheet(const ExportRequest& initial, fs::path source, Resolved
   m_format->addItem(QStringLiteral("Same as source"), -1);
   for (ExportFormat format : encoding::writableFormats())
     m_format->addItem(qsv(encoding::title(format)), static_cast<int>(format));
-  m_format->setCurrentIndex(m_format->findData(o.formatFollowsSource ? -1 : static_cast<int>(o.format)));
+  m_format->setCurrentIndex(
+      m_format->findData(o.formatFollowsSource ? -1 : static_cast<int>(o.format)));
   form->addRow(QStringLiteral("Format"), m_format);
   m_quality = named(new QSpinBox, QStringLiteral("Quality"));
   m_quality->setRange(1, 100);
@@ -101,23 +92,14 @@ ExportSheet::ExportSheet(const ExportRequest& initial, fs::path source, Resolved
   m_ceiling->setValue(o.jpeg.maxBytes ? static_cast<int>(*o.jpeg.maxBytes / 1000) : 0);
   form->addRow(QStringLiteral("JPEG size limit"), m_ceiling);
 
-  m_profile = named(new QComboBox, QStringLiteral("Colour profile"));
-  m_profile->addItem(QStringLiteral("Keep the photo’s profile"));
-  m_profile->addItem(QStringLiteral("Convert to sRGB"));
-  m_profile->setCurrentIndex(o.colourPolicy.profile == encoding::ProfilePolicy::keep ? 0 : 1);
-  form->addRow(QStringLiteral("Colour"), m_profile);
+  m_policy = PolicyControls::make(true);
+  m_policy.show(o.colourPolicy);
+  form->addRow(QStringLiteral("Colour"), m_policy.profile);
   auto* metadata = new QWidget;
   auto* metadataLayout = new QHBoxLayout(metadata);
   metadataLayout->setContentsMargins(0, 0, 0, 0);
-  m_icc = named(new QCheckBox(QStringLiteral("ICC")), QStringLiteral("Embed ICC profile"));
-  m_exif = named(new QCheckBox(QStringLiteral("EXIF")), QStringLiteral("Keep EXIF"));
-  m_xmp = named(new QCheckBox(QStringLiteral("XMP")), QStringLiteral("Keep XMP"));
-  m_gps = named(new QCheckBox(QStringLiteral("GPS")), QStringLiteral("Keep GPS location"));
-  m_icc->setChecked(o.colourPolicy.icc == MetadataToggle::keep);
-  m_exif->setChecked(o.colourPolicy.exif == MetadataToggle::keep);
-  m_xmp->setChecked(o.colourPolicy.xmp == MetadataToggle::keep);
-  m_gps->setChecked(o.colourPolicy.gps == MetadataToggle::keep);
-  for (QCheckBox* box : {m_icc, m_exif, m_xmp, m_gps}) metadataLayout->addWidget(box);
+  for (QCheckBox* box : {m_policy.icc, m_policy.exif, m_policy.xmp, m_policy.gps})
+    metadataLayout->addWidget(box);
   metadataLayout->addStretch(1);
   form->addRow(QStringLiteral("Keep"), metadata);
   m_flatten = named(new QLineEdit(QString::fromStdString(o.colourPolicy.flatten)),
@@ -164,8 +146,8 @@ ExportSheet::ExportSheet(const ExportRequest& initial, fs::path source, Resolved
   connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
   connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
   connect(choose, &QPushButton::clicked, this, [this] {
-    const QString folder = QFileDialog::getExistingDirectory(this, QStringLiteral("Save Exports In"),
-                                                             m_folder->text());
+    const QString folder = QFileDialog::getExistingDirectory(
+        this, QStringLiteral("Save Exports In"), m_folder->text());
     if (!folder.isEmpty()) m_folder->setText(folder);
   });
 
@@ -187,25 +169,24 @@ ExportRequest ExportSheet::request() const {
   o.formatFollowsSource = format < 0;
   if (format >= 0) o.format = static_cast<ExportFormat>(format);
   switch (o.resolvedFormat(m_source)) {
-    case ExportFormat::jpeg: o.jpeg.quality = m_quality->value(); break;
-    case ExportFormat::webp: o.webp.lossyQuality = static_cast<float>(m_quality->value()); break;
+    case ExportFormat::jpeg:
+      o.jpeg.quality = m_quality->value();
+      break;
+    case ExportFormat::webp:
+      o.webp.lossyQuality = static_cast<float>(m_quality->value());
+      break;
     case ExportFormat::avif:
-    case ExportFormat::heic: o.heifQuality = m_quality->value(); break;
-    default: break;
+    case ExportFormat::heic:
+      o.heifQuality = m_quality->value();
+      break;
+    default:
+      break;
   }
   if (m_ceiling->value() > 0)
     o.jpeg.maxBytes = static_cast<int64_t>(m_ceiling->value()) * 1000;
   else
     o.jpeg.maxBytes.reset();
-  o.colourPolicy.profile =
-      m_profile->currentIndex() == 0 ? encoding::ProfilePolicy::keep : encoding::ProfilePolicy::srgb;
-  const auto toggle = [](QCheckBox* box) {
-    return box->isChecked() ? MetadataToggle::keep : MetadataToggle::strip;
-  };
-  o.colourPolicy.icc = toggle(m_icc);
-  o.colourPolicy.exif = toggle(m_exif);
-  o.colourPolicy.xmp = toggle(m_xmp);
-  o.colourPolicy.gps = toggle(m_gps);
+  m_policy.read(o.colourPolicy);
   try {
     o.colourPolicy.flatten =
         encoding::ColourPolicy::canonicalFlattenColour(m_flatten->text().trimmed().toStdString());
@@ -232,10 +213,11 @@ void ExportSheet::refresh() {
   // A newly chosen format starts from the quality saved for it.
   if (!m_shownFormat || *m_shownFormat != format) {
     m_shownFormat = format;
-    m_quality->setValue(format == ExportFormat::jpeg ? m_initial.options.jpeg.quality
-                        : format == ExportFormat::webp
-                            ? static_cast<int>(std::lround(m_initial.options.webp.lossyQuality))
-                            : m_initial.options.heifQuality.value_or(encoding::kImageWriterLossyQuality));
+    m_quality->setValue(
+        format == ExportFormat::jpeg ? m_initial.options.jpeg.quality
+        : format == ExportFormat::webp
+            ? static_cast<int>(std::lround(m_initial.options.webp.lossyQuality))
+            : m_initial.options.heifQuality.value_or(encoding::kImageWriterLossyQuality));
   }
   const ExportRequest r = request();
   const bool lossy = format == ExportFormat::jpeg || format == ExportFormat::webp ||

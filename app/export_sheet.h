@@ -1,11 +1,11 @@
 #pragma once
 
+#include <QDialog>
 #include <filesystem>
 #include <optional>
 
-#include <QDialog>
-
 #include "app/export_host.h"
+#include "app/policy_controls.h"
 #include "engine/dimension_resolver.h"
 
 class QCheckBox;
@@ -38,11 +38,7 @@ class ExportSheet : public QDialog {
   QComboBox* m_format;
   QSpinBox* m_quality;
   QSpinBox* m_ceiling;
-  QComboBox* m_profile;
-  QCheckBox* m_icc;
-  QCheckBox* m_exif;
-  QCheckBox* m_xmp;
-  QCheckBox* m_gps;
+  PolicyControls m_policy;
   QLineEdit* m_flatten;
   QLineEdit* m_folder;
   QLineEdit* m_template;

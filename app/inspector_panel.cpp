@@ -1,7 +1,5 @@
 #include "app/inspector_panel.h"
 
-#include <cmath>
-
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDoubleSpinBox>
@@ -13,22 +11,13 @@
 #include <QSlider>
 #include <QSpinBox>
 #include <QVBoxLayout>
+#include <cmath>
 
 namespace tarnbloom::app {
 
 using encoding::ExportFormat;
-using encoding::MetadataToggle;
 
 namespace {
-
-QString qsv(std::string_view text) { return QString::fromUtf8(text.data(), static_cast<int>(text.size())); }
-
-template <typename W>
-W* named(W* widget, const QString& name) {
-  widget->setAccessibleName(name);
-  widget->setObjectName(name);
-  return widget;
-}
 
 QDoubleSpinBox* pixelSpin(const QString& name) {
   auto* spin = named(new QDoubleSpinBox, name);
@@ -41,11 +30,15 @@ QDoubleSpinBox* pixelSpin(const QString& name) {
 // The quality a format is written at, as the one spin box shows it.
 int qualityOf(const exporting::ExportOptions& o) {
   switch (o.format) {
-    case ExportFormat::jpeg: return o.jpeg.quality;
-    case ExportFormat::webp: return static_cast<int>(std::lround(o.webp.lossyQuality));
+    case ExportFormat::jpeg:
+      return o.jpeg.quality;
+    case ExportFormat::webp:
+      return static_cast<int>(std::lround(o.webp.lossyQuality));
     case ExportFormat::avif:
-    case ExportFormat::heic: return o.heifQuality.value_or(encoding::kImageWriterLossyQuality);
-    default: return 100;
+    case ExportFormat::heic:
+      return o.heifQuality.value_or(encoding::kImageWriterLossyQuality);
+    default:
+      return 100;
   }
 }
 
@@ -114,15 +107,10 @@ InspectorPanel::InspectorPanel(QWidget* parent) : QWidget(parent) {
   m_quality->setRange(1, 100);
   m_quality->setKeyboardTracking(false);
   outputForm->addRow(QStringLiteral("Quality"), m_quality);
-  m_profile = named(new QComboBox, QStringLiteral("Colour profile"));
-  m_profile->addItem(QStringLiteral("Keep the photo’s profile"));
-  m_profile->addItem(QStringLiteral("Convert to sRGB"));
-  outputForm->addRow(QStringLiteral("Colour"), m_profile);
-  m_icc = named(new QCheckBox(QStringLiteral("Embed ICC profile")), QStringLiteral("Embed ICC profile"));
-  m_exif = named(new QCheckBox(QStringLiteral("Keep EXIF")), QStringLiteral("Keep EXIF"));
-  m_xmp = named(new QCheckBox(QStringLiteral("Keep XMP")), QStringLiteral("Keep XMP"));
-  m_gps = named(new QCheckBox(QStringLiteral("Keep GPS location")), QStringLiteral("Keep GPS location"));
-  for (QCheckBox* box : {m_icc, m_exif, m_xmp, m_gps}) outputForm->addRow(box);
+  m_policy = PolicyControls::make(false);
+  outputForm->addRow(QStringLiteral("Colour"), m_policy.profile);
+  for (QCheckBox* box : {m_policy.icc, m_policy.exif, m_policy.xmp, m_policy.gps})
+    outputForm->addRow(box);
   layout->addWidget(outputBox);
 
   m_message = named(new QLabel, QStringLiteral("Inspector message"));
@@ -140,13 +128,14 @@ InspectorPanel::InspectorPanel(QWidget* parent) : QWidget(parent) {
     readControls();
     Q_EMIT optionsChanged(m_options);
   };
-  for (QComboBox* box : {m_sizeMode, m_method, m_format, m_profile})
+  for (QComboBox* box : {m_sizeMode, m_method, m_format, m_policy.profile})
     connect(box, &QComboBox::currentIndexChanged, this, changed);
   for (QDoubleSpinBox* spin : {m_sizeValue, m_boxWidth, m_boxHeight})
     connect(spin, &QDoubleSpinBox::valueChanged, this, changed);
   connect(m_quality, &QSpinBox::valueChanged, this, changed);
   connect(m_strength, &QSlider::valueChanged, this, changed);
-  for (QCheckBox* box : {m_icc, m_exif, m_xmp, m_gps}) connect(box, &QCheckBox::toggled, this, changed);
+  for (QCheckBox* box : {m_policy.icc, m_policy.exif, m_policy.xmp, m_policy.gps})
+    connect(box, &QCheckBox::toggled, this, changed);
   connect(m_export, &QPushButton::clicked, this, &InspectorPanel::exportRequested);
   showUnavailable(QStringLiteral("Open a photo to choose its size and method."));
 }
@@ -166,21 +155,20 @@ void InspectorPanel::readControls() {
   o.formatFollowsSource = format < 0;
   if (format >= 0) o.format = static_cast<ExportFormat>(format);
   switch (o.format) {
-    case ExportFormat::jpeg: o.jpeg.quality = m_quality->value(); break;
-    case ExportFormat::webp: o.webp.lossyQuality = static_cast<float>(m_quality->value()); break;
+    case ExportFormat::jpeg:
+      o.jpeg.quality = m_quality->value();
+      break;
+    case ExportFormat::webp:
+      o.webp.lossyQuality = static_cast<float>(m_quality->value());
+      break;
     case ExportFormat::avif:
-    case ExportFormat::heic: o.heifQuality = m_quality->value(); break;
-    default: break;
+    case ExportFormat::heic:
+      o.heifQuality = m_quality->value();
+      break;
+    default:
+      break;
   }
-  o.colourPolicy.profile =
-      m_profile->currentIndex() == 0 ? encoding::ProfilePolicy::keep : encoding::ProfilePolicy::srgb;
-  const auto toggle = [](QCheckBox* box) {
-    return box->isChecked() ? MetadataToggle::keep : MetadataToggle::strip;
-  };
-  o.colourPolicy.icc = toggle(m_icc);
-  o.colourPolicy.exif = toggle(m_exif);
-  o.colourPolicy.xmp = toggle(m_xmp);
-  o.colourPolicy.gps = toggle(m_gps);
+  m_policy.read(o.colourPolicy);
   updateVisibility();
 }
 
@@ -193,9 +181,10 @@ void InspectorPanel::updateVisibility() {
   m_methodNote->setText(qsv(note(m_options.method)));
   m_strengthRow->setEnabled(m_options.method == ResampleMethod::estimate);
   m_strengthValue->setText(QString::number(m_options.estimateStrength, 'f', 2));
-  const bool lossy = !m_options.formatFollowsSource &&
-                     (m_options.format == ExportFormat::jpeg || m_options.format == ExportFormat::webp ||
-                      m_options.format == ExportFormat::avif || m_options.format == ExportFormat::heic);
+  const bool lossy =
+      !m_options.formatFollowsSource &&
+      (m_options.format == ExportFormat::jpeg || m_options.format == ExportFormat::webp ||
+       m_options.format == ExportFormat::avif || m_options.format == ExportFormat::heic);
   m_quality->setEnabled(lossy);
 }
 
@@ -204,8 +193,9 @@ void InspectorPanel::showOptions(const exporting::ExportOptions& options,
   m_updating = true;
   for (QWidget* w : findChildren<QGroupBox*>()) w->setEnabled(true);
   // A refusal reads as one: white on red, in the panel, beside the choice.
-  m_message->setStyleSheet(QStringLiteral("color: white; background: #b3261e; border-radius: 6px; "
-                                          "padding: 6px;"));
+  m_message->setStyleSheet(
+      QStringLiteral("color: white; background: #b3261e; border-radius: 6px; "
+                     "padding: 6px;"));
   m_options = options;
   m_sizeMode->setCurrentIndex(m_sizeMode->findData(static_cast<int>(options.sizeMode)));
   if (takesSingleValue(options.sizeMode)) m_sizeValue->setValue(options.sizeValue);
@@ -216,11 +206,7 @@ void InspectorPanel::showOptions(const exporting::ExportOptions& options,
   m_format->setCurrentIndex(
       m_format->findData(options.formatFollowsSource ? -1 : static_cast<int>(options.format)));
   m_quality->setValue(qualityOf(options));
-  m_profile->setCurrentIndex(options.colourPolicy.profile == encoding::ProfilePolicy::keep ? 0 : 1);
-  m_icc->setChecked(options.colourPolicy.icc == MetadataToggle::keep);
-  m_exif->setChecked(options.colourPolicy.exif == MetadataToggle::keep);
-  m_xmp->setChecked(options.colourPolicy.xmp == MetadataToggle::keep);
-  m_gps->setChecked(options.colourPolicy.gps == MetadataToggle::keep);
+  m_policy.show(options.colourPolicy);
   updateVisibility();
   m_resolved->setText(state.size ? QString::fromStdString(state.sizeText) : QStringLiteral("—"));
   m_message->setText(QString::fromStdString(state.message));

@@ -2,6 +2,7 @@
 
 #include <QWidget>
 
+#include "app/policy_controls.h"
 #include "export/export_options.h"
 #include "preview/inspector_model.h"
 
@@ -54,11 +55,7 @@ class InspectorPanel : public QWidget {
   QLabel* m_strengthValue;
   QComboBox* m_format;
   QSpinBox* m_quality;
-  QComboBox* m_profile;
-  QCheckBox* m_icc;
-  QCheckBox* m_exif;
-  QCheckBox* m_xmp;
-  QCheckBox* m_gps;
+  PolicyControls m_policy;
   QLabel* m_message;
   QPushButton* m_export;
 };
