@@ -2,6 +2,7 @@
 // queue, the ledger and the receipts still add up: every source ends with
 // exactly one output and one matching receipt, and nothing is left behind.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -9,7 +10,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -32,9 +32,16 @@ struct ToolRun {
   double seconds = 0;
 };
 
+// What a /proc file of another process says; empty once that process is
+// gone, which can happen in the middle of the read.
 std::string readProcFile(const fs::path& path) {
-  std::ifstream stream(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(stream), {});
+  std::string text;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return text;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, n);
+  ::close(fd);
+  return text;
 }
 
 // The running instances serving `home`: `tarnbloom enlarge` hands its work
