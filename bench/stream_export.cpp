@@ -1,36 +1,48 @@
 // One export in a process of its own, so that /usr/bin/time sees its peak
-// memory: the source loaded (decoded in the helper), rendered with Exact and
-// encoded by renderAndEncode, and the file written atomically, as the
-// export controller does for one item (without its queue and receipts, and
-// without the planner's memory admission). stream_memory_bench.sh runs it
-// beside vips; built from an earlier tree, it measures that tree's exporter.
+// memory: the source loaded (decoded in the helper), rendered and encoded
+// by renderAndEncode (a file written as it renders goes to an unnamed file
+// beside OUT), staged and renamed into place, as the export controller
+// does for one item (without its queue and receipts, and without the
+// planner's memory admission). stream_memory_bench.sh and
+// memory_admission_bench.sh run it; built from an earlier tree, it
+// measures that tree's exporter. Prints the stages' seconds and the file's
+// SHA-256 to standard error.
 //
-//   stream_export SOURCE FORMAT SIZE OUT     (FORMAT: jpeg, png, tiff, ...;
-//                                             SIZE: x2, x4, x8 or width:N;
-//                                             JPEG at quality 90)
+//   stream_export SOURCE FORMAT SIZE OUT [METHOD]
+//       FORMAT: jpeg, png, tiff, webp, heic, avif; SIZE: x2, x4, x8 or
+//       width:N; METHOD: exact (default), clarity or estimate; JPEG at
+//       quality 90
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <string>
 
+#include "engine/estimate_engine.h"
 #include "engine/resample_engine.h"
 #include "export/export_render.h"
+#include "export/preflight.h"
 #include "support/error.h"
 #include "support/files.h"
 
 using namespace tarnbloom;
+using namespace tarnbloom::exporting;
 
 int main(int argc, char** argv) {
-  const auto parsed = argc == 5 ? encoding::exportFormatFromRawValue(argv[2]) : std::nullopt;
-  const std::string size = argc == 5 ? argv[3] : "";
+  const bool counted = argc == 5 || argc == 6;
+  const auto parsed = counted ? encoding::exportFormatFromRawValue(argv[2]) : std::nullopt;
+  const std::string size = counted ? argv[3] : "";
+  const auto method =
+      argc == 6 ? resampleMethodFromRawValue(argv[5]) : std::optional(ResampleMethod::exact);
   const bool byWidth = size.rfind("width:", 0) == 0;
   const auto mode = byWidth                              ? std::optional(SizeMode::width)
                     : size.size() == 2 && size[0] == 'x' ? sizeModeFromQuickScale(size[1] - '0')
                                                          : std::nullopt;
-  if (!parsed || !mode) {
+  if (!parsed || !mode || !method) {
     std::fprintf(stderr,
-                 "usage: stream_export SOURCE jpeg|png|tiff|webp|heic|avif x2|x4|x8|width:N OUT\n");
+                 "usage: stream_export SOURCE jpeg|png|tiff|webp|heic|avif x2|x4|x8|width:N OUT "
+                 "[exact|clarity|estimate]\n");
     return 2;
   }
   const encoding::ExportFormat format = parsed.value_or(encoding::ExportFormat::png);
@@ -38,17 +50,34 @@ int main(int argc, char** argv) {
     exporting::ExportOptions options;
     options.sizeMode = *mode;
     if (byWidth) options.sizeValue = std::atof(size.c_str() + 6);
-    options.method = ResampleMethod::exact;
+    options.method = *method;
     options.format = format;
     options.jpeg.quality = 90;
     SourceImage source = ResampleEngine::load(argv[1]);
     const auto size = options.resolvedSize(source.orientedWidth(), source.orientedHeight(),
                                            source.bitsPerComponent, format);
-    const auto encoded =
-        exporting::renderAndEncode(std::move(source), options, size, format, {}, nullptr);
-    writeFileAtomically(argv[4], std::as_bytes(std::span(encoded.bytes)));
+    // What memory admission expects this export to hold at its peak; the
+    // planner would refuse it above the ceiling, and so does this.
+    const ExportMemoryShape shape = ExportMemoryShape::of(options, source.bitsPerComponent);
+    const int64_t estimate =
+        estimatedPeakWorkingBytes(source.orientedWidth(), source.orientedHeight(), size.width,
+                                  size.height, options.method, format, shape);
+    std::fprintf(stderr, "estimate %lld\n", static_cast<long long>(estimate));
+    if (estimate > kMemoryAdmissionBytes) {
+      std::fprintf(stderr, "refused by memory admission\n");
+      return 3;
+    }
+    const std::filesystem::path out = std::filesystem::absolute(argv[4]);
+    EstimateEngine estimates(EstimateEngine::configuredURL());
+    const auto encoded = exporting::renderAndEncode(std::move(source), options, size, format, {},
+                                                    &estimates, {}, nullptr, out.parent_path());
+    const std::filesystem::path staged = out.string() + ".staged";
+    std::filesystem::remove(staged);
+    encoded.stage(staged);
+    std::filesystem::rename(staged, out);
     for (const auto& [stage, seconds] : encoded.timings)
       std::fprintf(stderr, "%s %.2f s\n", stage.c_str(), seconds);
+    std::fprintf(stderr, "sha256 %s\n", encoded.sha256.c_str());
   } catch (const Error& error) {
     std::fprintf(stderr, "%s\n", error.description().c_str());
     return 1;

@@ -1,3 +1,4 @@
+#include <omp.h>
 #include <png.h>
 #include <zlib.h>
 
@@ -284,23 +285,29 @@ class PNGRowWriter final : public RowWriter {
     m_received += rows.height;
   }
 
+  // Deflates a few pieces per thread at a time and writes them before the
+  // next few: a wide band's compressed pieces are never all held at once.
   void writePieces(const std::vector<BandRows>& pieces) {
-    std::vector<Band> bands(pieces.size());
-    std::exception_ptr failure;
+    const size_t group = 2 * static_cast<size_t>(std::max(1, omp_get_max_threads()));
+    for (size_t first = 0; first < pieces.size(); first += group) {
+      const size_t count = std::min(group, pieces.size() - first);
+      std::vector<Band> bands(count);
+      std::exception_ptr failure;
 #pragma omp parallel for schedule(dynamic)
-    for (size_t i = 0; i < pieces.size(); ++i) {
-      try {
-        bands[i] = deflateBand(pieces[i], m_size, m_bpp, m_sixteen);
-      } catch (...) {
+      for (size_t i = 0; i < count; ++i) {
+        try {
+          bands[i] = deflateBand(pieces[first + i], m_size, m_bpp, m_sixteen);
+        } catch (...) {
 #pragma omp critical
-        if (!failure) failure = std::current_exception();
+          if (!failure) failure = std::current_exception();
+        }
       }
-    }
-    if (failure) std::rethrow_exception(failure);
-    for (Band& band : bands) {
-      m_adler = adler32_combine(m_adler, band.adler, static_cast<z_off_t>(band.filteredSize));
-      writeChunk("IDAT", band.deflated);
-      std::vector<uint8_t>().swap(band.deflated);
+      if (failure) std::rethrow_exception(failure);
+      for (Band& band : bands) {
+        m_adler = adler32_combine(m_adler, band.adler, static_cast<z_off_t>(band.filteredSize));
+        writeChunk("IDAT", band.deflated);
+        std::vector<uint8_t>().swap(band.deflated);
+      }
     }
   }
 

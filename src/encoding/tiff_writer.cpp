@@ -2,36 +2,67 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <exiv2/exiv2.hpp>
 #include <memory>
 
 #include "encoding/encoder_error.h"
 #include "encoding/image_writer.h"
 #include "support/c_handle.h"
+#include "support/error.h"
 
 namespace tarnbloom::encoding {
 namespace {
 
-// A growable file in memory for libtiff's client interface: libtiff seeks
-// back to patch offsets, so this is more than an append-only sink.
-struct MemoryFile {
+// Where libtiff's client interface writes: a growable file in memory, or
+// the sink's file on disk. libtiff seeks back to patch offsets, so either
+// is more than an append-only sink.
+struct ClientFile {
   std::vector<uint8_t> bytes;
+  FileSink* disk = nullptr;
   uint64_t position = 0;
+  // The disk's first failure, passed on once libtiff has returned.
+  std::exception_ptr error;
+
+  uint64_t size() const { return disk ? disk->size() : bytes.size(); }
 };
 
 tmsize_t readProc(thandle_t handle, void* buffer, tmsize_t size) {
-  auto* file = static_cast<MemoryFile*>(handle);
-  if (file->position >= file->bytes.size()) return 0;
-  const auto n =
-      std::min<uint64_t>(static_cast<uint64_t>(size), file->bytes.size() - file->position);
+  auto* file = static_cast<ClientFile*>(handle);
+  if (file->position >= file->size()) return 0;
+  const auto n = std::min<uint64_t>(static_cast<uint64_t>(size), file->size() - file->position);
+  if (file->disk) {
+    try {
+      const size_t got =
+          file->disk->readAt(file->position, std::span(static_cast<uint8_t*>(buffer), n));
+      file->position += got;
+      return static_cast<tmsize_t>(got);
+    } catch (const Error&) {
+      if (!file->error) file->error = std::current_exception();
+      return -1;
+    }
+  }
   std::memcpy(buffer, file->bytes.data() + file->position, n);
   file->position += n;
   return static_cast<tmsize_t>(n);
 }
 
 tmsize_t writeProc(thandle_t handle, void* buffer, tmsize_t size) {
-  auto* file = static_cast<MemoryFile*>(handle);
+  auto* file = static_cast<ClientFile*>(handle);
   const uint64_t end = file->position + static_cast<uint64_t>(size);
+  if (file->disk) {
+    // libtiff cannot carry our error through its C frames: it is kept and
+    // rethrown once libtiff has returned.
+    try {
+      file->disk->writeAt(file->position, std::span(static_cast<const uint8_t*>(buffer),
+                                                    static_cast<size_t>(size)));
+    } catch (const Error&) {
+      if (!file->error) file->error = std::current_exception();
+      return -1;
+    }
+    file->position = end;
+    return size;
+  }
   try {
     if (end > file->bytes.size()) file->bytes.resize(end);
   } catch (const std::bad_alloc&) {
@@ -43,16 +74,16 @@ tmsize_t writeProc(thandle_t handle, void* buffer, tmsize_t size) {
 }
 
 toff_t seekProc(thandle_t handle, toff_t offset, int whence) {
-  auto* file = static_cast<MemoryFile*>(handle);
+  auto* file = static_cast<ClientFile*>(handle);
   uint64_t base = 0;
   if (whence == SEEK_CUR) base = file->position;
-  if (whence == SEEK_END) base = file->bytes.size();
+  if (whence == SEEK_END) base = file->size();
   file->position = base + offset;
   return file->position;
 }
 
 int closeProc(thandle_t) { return 0; }
-toff_t sizeProc(thandle_t handle) { return static_cast<MemoryFile*>(handle)->bytes.size(); }
+toff_t sizeProc(thandle_t handle) { return static_cast<ClientFile*>(handle)->size(); }
 int mapProc(thandle_t, void**, toff_t*) { return 0; }
 void unmapProc(thandle_t, void*, toff_t) {}
 
@@ -84,7 +115,8 @@ bool writeTags(TIFF* tiff, const RowLayout& layout, const OutputMetadata& metada
 }
 
 // libtiff compresses each strip as it fills and writes it to the end of the
-// file in memory; the directory follows when the last row is in.
+// file (the sink's file on disk, else one in memory); the directory follows
+// when the last row is in.
 class TIFFRowWriter final : public RowWriter {
  public:
   TIFFRowWriter(const RowLayout& layout, const OutputMetadata& metadata, ByteSink& sink)
@@ -95,12 +127,13 @@ class TIFFRowWriter final : public RowWriter {
     // BigTIFF only when the classic 4 GiB offsets may not do.
     const uint64_t raw = layout.rowBytes() * static_cast<uint64_t>(layout.height);
     const bool big = raw > (uint64_t{3} << 30);
-    // Room for the file as large as its raw samples, so that it does not
-    // move as it grows: moving holds it twice. Reserving takes address
-    // space only; memory is used as the file is written. Without the room
-    // the file still grows, only less cheaply.
+    m_file.disk = sink.file();
+    // In memory: room for the file as large as its raw samples, so that it
+    // does not move as it grows: moving holds it twice. Reserving takes
+    // address space only; memory is used as the file is written. Without
+    // the room the file still grows, only less cheaply.
     try {
-      m_file.bytes.reserve(raw + (size_t{1} << 20));
+      if (!m_file.disk) m_file.bytes.reserve(raw + (size_t{1} << 20));
     } catch (const std::bad_alloc&) {
     }
     m_tiff.reset(TIFFClientOpen("output.tif", big ? "w8" : "w", &m_file, readProc, writeProc,
@@ -125,6 +158,16 @@ class TIFFRowWriter final : public RowWriter {
   void finish() override {
     if (!m_tiff || m_received != m_layout.height || !TIFFWriteDirectory(m_tiff.get())) fail();
     m_tiff.reset();
+    if (FileSink* disk = m_file.disk) {
+      if (m_exif.empty()) return;
+      // The EXIF goes in through exiv2, which rewrites the file whole.
+      std::vector<uint8_t> file(disk->size());
+      if (disk->readAt(0, file) != file.size()) fail();
+      mergeExifIntoFile(file, m_exif);
+      disk->writeAt(0, file);
+      disk->truncate(file.size());
+      return;
+    }
     if (!m_exif.empty()) mergeExifIntoFile(m_file.bytes, m_exif);
     m_sink.writeOwned(std::move(m_file.bytes));
   }
@@ -132,13 +175,14 @@ class TIFFRowWriter final : public RowWriter {
  private:
   [[noreturn]] void fail() {
     m_tiff.reset();
+    if (m_file.error) std::rethrow_exception(m_file.error);
     throw EncoderError::writerFailed("TIFF");
   }
 
   RowLayout m_layout;
   std::vector<uint8_t> m_exif;
   ByteSink& m_sink;
-  MemoryFile m_file;
+  ClientFile m_file;
   // Closed once the file is complete or broken: the writer is spent then.
   CHandle<TIFF, TIFFClose> m_tiff;
   std::vector<uint8_t> m_scratch;

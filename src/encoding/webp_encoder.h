@@ -39,8 +39,6 @@ struct MetadataPolicy {
 class WebPEncoder {
  public:
   static constexpr int64_t maximumDimension = 16383;
-  // Working memory of the encoder per pixel, for memory estimates.
-  static constexpr int64_t encoderScratchBytesPerPixel = 8;
 
   // Throws EngineError (webPDimensionExceeded) when either side is over
   // the format's limit; call it before rendering so no work is wasted.

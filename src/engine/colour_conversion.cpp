@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -116,30 +117,49 @@ float sampleScale() {
   return std::is_same_v<T, uint8_t> ? 1.0f / 255.0f : 1.0f / 65535.0f;
 }
 
-// Matrix/TRC input: table lookups for the curves, then one matrix.
-template <typename T>
-void shaperToLinear(const PixelBuffer& bitmap, const Shaper& shaper, FloatImage& out) {
-  constexpr int kLevels = std::is_same_v<T, uint8_t> ? 256 : 65536;
+// Matrix/TRC input: one decode table per curve and sample value, then one
+// matrix.
+struct ShaperTables {
+  std::vector<float> decode;
+  float matrix[9] = {};
+  bool grey = false;
+  int levels = 256;
+};
+
+ShaperTables shaperTables(const Shaper& shaper, bool wide) {
+  ShaperTables tables;
+  tables.grey = shaper.grey;
+  tables.levels = wide ? 65536 : 256;
   const int curveCount = shaper.grey ? 1 : 3;
-  std::vector<float> decode(static_cast<size_t>(kLevels) * curveCount);
+  tables.decode.resize(static_cast<size_t>(tables.levels) * curveCount);
   for (int c = 0; c < curveCount; ++c)
-    for (int v = 0; v < kLevels; ++v)
-      decode[c * kLevels + v] = cmsEvalToneCurveFloat(shaper.curves[c], static_cast<float>(v) / (kLevels - 1));
-  Matrix m{};
-  if (!shaper.grey) m = multiply(inverse(linearSrgbToXYZ()), shaper.toXYZ);
-  const float mf[9] = {float(m[0]), float(m[1]), float(m[2]), float(m[3]), float(m[4]),
-                       float(m[5]), float(m[6]), float(m[7]), float(m[8])};
+    for (int v = 0; v < tables.levels; ++v)
+      tables.decode[c * tables.levels + v] =
+          cmsEvalToneCurveFloat(shaper.curves[c], static_cast<float>(v) / (tables.levels - 1));
+  if (!shaper.grey) {
+    const Matrix m = multiply(inverse(linearSrgbToXYZ()), shaper.toXYZ);
+    for (int i = 0; i < 9; ++i) tables.matrix[i] = static_cast<float>(m[i]);
+  }
+  return tables;
+}
+
+template <typename T>
+void shaperToLinear(const PixelBuffer& bitmap, const ShaperTables& tables, int64_t firstRow,
+                    FloatImage& out) {
+  const int kLevels = tables.levels;
+  const float* decode = tables.decode.data();
+  const float* mf = tables.matrix;
   const int channels = bitmap.channels;
   const bool alpha = bitmap.hasAlpha();
   const float scale = sampleScale<T>();
 
 #pragma omp parallel for schedule(static)
-  for (int y = 0; y < bitmap.height; ++y) {
-    const T* in = reinterpret_cast<const T*>(bitmap.row(y));
+  for (int64_t y = 0; y < out.height; ++y) {
+    const T* in = reinterpret_cast<const T*>(bitmap.row(static_cast<int>(firstRow + y)));
     float* o = out.row(y);
     for (int x = 0; x < bitmap.width; ++x, in += channels, o += 4) {
       float r, g, b;
-      if (shaper.grey) {
+      if (tables.grey) {
         r = g = b = decode[in[0]];
       } else {
         const float lr = decode[in[0]], lg = decode[kLevels + in[1]], lb = decode[2 * kLevels + in[2]];
@@ -157,17 +177,22 @@ void shaperToLinear(const PixelBuffer& bitmap, const Shaper& shaper, FloatImage&
 }
 
 // Any other profile: lcms2 into float linear sRGB, then alpha.
-template <typename T>
-void lcmsToLinear(const PixelBuffer& bitmap, cmsHPROFILE source, FloatImage& out) {
+Transform lcmsTransform(const PixelBuffer& bitmap, cmsHPROFILE source) {
   Profile linear = linearSrgbProfile();
   const bool grey = bitmap.isGrey();
-  const bool wide = std::is_same_v<T, uint16_t>;
+  const bool wide = bitmap.format == SampleFormat::uint16;
   const cmsUInt32Number inFormat = grey ? (wide ? TYPE_GRAY_16 : TYPE_GRAY_8) : (wide ? TYPE_RGB_16 : TYPE_RGB_8);
   // Skip the alpha sample in the input layout.
   const cmsUInt32Number inLayout = bitmap.hasAlpha() ? inFormat | EXTRA_SH(1) : inFormat;
   Transform transform(cmsCreateTransform(source, inLayout, linear.get(), TYPE_RGB_FLT,
                                          INTENT_RELATIVE_COLORIMETRIC, cmsFLAGS_NOCACHE));
   if (!transform) colourFailure();
+  return transform;
+}
+
+template <typename T>
+void lcmsToLinear(const PixelBuffer& bitmap, cmsHTRANSFORM transform, int64_t firstRow,
+                  FloatImage& out) {
   const int channels = bitmap.channels;
   const float scale = sampleScale<T>();
 
@@ -175,9 +200,10 @@ void lcmsToLinear(const PixelBuffer& bitmap, cmsHPROFILE source, FloatImage& out
   {
     std::vector<float> rgb(static_cast<size_t>(bitmap.width) * 3);
 #pragma omp for schedule(static)
-    for (int y = 0; y < bitmap.height; ++y) {
-      cmsDoTransform(transform.get(), bitmap.row(y), rgb.data(), static_cast<cmsUInt32Number>(bitmap.width));
-      const T* in = reinterpret_cast<const T*>(bitmap.row(y));
+    for (int64_t y = 0; y < out.height; ++y) {
+      const uint8_t* row = bitmap.row(static_cast<int>(firstRow + y));
+      cmsDoTransform(transform, row, rgb.data(), static_cast<cmsUInt32Number>(bitmap.width));
+      const T* in = reinterpret_cast<const T*>(row);
       float* o = out.row(y);
       for (int x = 0; x < bitmap.width; ++x) {
         const float a = bitmap.hasAlpha() ? in[x * channels + channels - 1] * scale : 1.0f;
@@ -232,23 +258,46 @@ void encodeOpaqueRgb16(const float* rgba, int64_t count, const float* m, const f
 
 }  // namespace
 
-FloatImage convertToLinear(const PixelBuffer& bitmap, const ColourSpace& space) {
+struct LinearConverter::Impl {
+  Profile profile;
+  std::optional<ShaperTables> shaper;
+  Transform transform;  // when not matrix/TRC
+};
+
+LinearConverter::LinearConverter(const PixelBuffer& bitmap, const ColourSpace& space)
+    : m_bitmap(bitmap), m_impl(std::make_unique<Impl>()) {
   if (bitmap.format == SampleFormat::float32) colourFailure();
+  m_impl->profile = openProfile(space);
+  Shaper shaper;
+  if (readShaper(m_impl->profile.get(), true, shaper) && shaper.grey == bitmap.isGrey())
+    m_impl->shaper = shaperTables(shaper, bitmap.format == SampleFormat::uint16);
+  else
+    m_impl->transform = lcmsTransform(bitmap, m_impl->profile.get());
+}
+
+LinearConverter::~LinearConverter() = default;
+
+FloatImage LinearConverter::rows(int64_t firstRow, int64_t count) const {
+  if (firstRow < 0 || count < 0 || firstRow + count > m_bitmap.height) colourFailure();
   FloatImage out;
   try {
-    out = FloatImage(bitmap.width, bitmap.height, 4);
+    out = FloatImage(m_bitmap.width, count, 4);
   } catch (const std::bad_alloc&) {
     throw EngineError::vImage("resample scratch", kResamplerMemoryAllocationError);
   }
-  Profile profile = openProfile(space);
-  Shaper shaper;
-  const bool wide = bitmap.format == SampleFormat::uint16;
-  if (readShaper(profile.get(), true, shaper) && shaper.grey == bitmap.isGrey()) {
-    wide ? shaperToLinear<uint16_t>(bitmap, shaper, out) : shaperToLinear<uint8_t>(bitmap, shaper, out);
+  const bool wide = m_bitmap.format == SampleFormat::uint16;
+  if (m_impl->shaper) {
+    wide ? shaperToLinear<uint16_t>(m_bitmap, *m_impl->shaper, firstRow, out)
+         : shaperToLinear<uint8_t>(m_bitmap, *m_impl->shaper, firstRow, out);
   } else {
-    wide ? lcmsToLinear<uint16_t>(bitmap, profile.get(), out) : lcmsToLinear<uint8_t>(bitmap, profile.get(), out);
+    wide ? lcmsToLinear<uint16_t>(m_bitmap, m_impl->transform.get(), firstRow, out)
+         : lcmsToLinear<uint8_t>(m_bitmap, m_impl->transform.get(), firstRow, out);
   }
   return out;
+}
+
+FloatImage convertToLinear(const PixelBuffer& bitmap, const ColourSpace& space) {
+  return LinearConverter(bitmap, space).rows(0, bitmap.height);
 }
 
 struct OutputConverter::Impl {

@@ -18,6 +18,26 @@ namespace tarnbloom {
 // sRGB keep negative or >1 components, so nothing is clipped until output.
 FloatImage convertToLinear(const codec::PixelBuffer& bitmap, const codec::ColourSpace& space);
 
+// The same conversion a few rows at a time, for renders that never hold
+// the whole source in floats: every pixel comes out exactly as
+// convertToLinear makes it. Keeps a reference to `bitmap`; thread-safe to
+// use once built.
+class LinearConverter {
+ public:
+  LinearConverter(const codec::PixelBuffer& bitmap, const codec::ColourSpace& space);
+  ~LinearConverter();
+  LinearConverter(const LinearConverter&) = delete;
+  LinearConverter& operator=(const LinearConverter&) = delete;
+
+  // Rows [firstRow, firstRow + count) of the bitmap in the working format.
+  FloatImage rows(int64_t firstRow, int64_t count) const;
+
+ private:
+  struct Impl;
+  const codec::PixelBuffer& m_bitmap;
+  std::unique_ptr<Impl> m_impl;
+};
+
 // The sRGB transfer curve, encoded 0...1 to linear light.
 inline float linearFromSRGB(double v) {
   return static_cast<float>(v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4));

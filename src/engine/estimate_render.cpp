@@ -76,7 +76,7 @@ std::shared_ptr<const std::vector<uint8_t>> ResampleEngine::blendedEstimate(
   std::lock_guard lock(m_estimate->lock);
   EstimateCache& cache = *m_estimate;
   if (cache.width != target.width || cache.height != target.height) {
-    const ResampleTarget sourceSize{m_linear.width, m_linear.height};
+    const ResampleTarget sourceSize{width(), height()};
     const MosaicImage mosaic{sourceSize.width, sourceSize.height, exactMosaic(sourceSize)};
     MosaicImage estimate = m_estimates->inferTiled(mosaic, progress, cancel);
     std::vector<uint8_t> pixels = estimate.width == target.width && estimate.height == target.height

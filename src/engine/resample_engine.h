@@ -16,6 +16,7 @@
 namespace tarnbloom {
 
 class EstimateEngine;
+class LinearConverter;
 class OutputConverter;
 
 // How a render's result is to be stored.
@@ -42,23 +43,32 @@ struct OutputRect {
   int64_t x = 0, y = 0, width = 0, height = 0;
 };
 
-// The imaging engine: one per loaded source. Building it converts the
-// source once to linear light; renders then only read it, so previews and
-// an export may run at once. The static entry points are free functions of
+// The imaging engine: one per loaded source. The source in linear light is
+// built on first need (previews, Clarity, Enhance) and kept; Exact exports
+// convert only the source rows each band reads, so they never hold the
+// source in floats. Renders only read the engine, so previews and an export
+// may run at once. The static entry points are free functions of
 // their arguments and may run on any thread.
 class ResampleEngine {
  public:
   static constexpr int kMargin = 6;
   static constexpr uint64_t maxOutputBytes = 1'600'000'000;
 
-  // Converts the upright source to premultiplied extended linear sRGB.
-  // Enhance renders run on `estimates`; without one they fail as a
+  // Prepares the conversion of the upright source to premultiplied
+  // extended linear sRGB. Enhance renders run on `estimates`; without one they fail as a
   // missing model would.
   explicit ResampleEngine(SourceImage source, EstimateEngine* estimates = nullptr);
 
   const SourceImage& source() const { return m_source; }
-  // The upright source in the working format.
-  const FloatImage& linear() const { return m_linear; }
+  ~ResampleEngine();
+  ResampleEngine(ResampleEngine&&) noexcept;
+
+  // The upright source in the working format, converted on first use (from
+  // any thread) and kept.
+  const FloatImage& linear() const;
+  // The upright source's size.
+  int64_t width() const { return m_upright->width; }
+  int64_t height() const { return m_upright->height; }
   // Noise level of the source's linear luminance, estimated on first use
   // (from any thread) and kept.
   float sourceNoiseSigma() const;
@@ -148,11 +158,17 @@ class ResampleEngine {
   // of context into floats, and converts them into `out`, output row y
   // going to out row y - outRowOffset. `scratch` carries buffers from one
   // band of a render to the next.
+  // `whole`: read the source from linear() rather than converting the rows
+  // the band reads (Exact only; the pixels are the same either way).
   struct BandScratch;
   void renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0, int64_t y1,
                   ResampleMethod method, const OutputConverter& converter, codec::PixelBuffer& out,
-                  int64_t outRowOffset, BandScratch& scratch) const;
+                  int64_t outRowOffset, BandScratch& scratch, bool whole) const;
 
+  struct LinearCache {
+    std::once_flag once;
+    FloatImage image;
+  };
   struct NoiseEstimate {
     std::once_flag once;
     float sigma = 0;
@@ -170,7 +186,10 @@ class ResampleEngine {
 
   SourceImage m_source;
   EstimateEngine* m_estimates = nullptr;
-  FloatImage m_linear;
+  // The upright bitmap: the source's own when it needs no turning.
+  std::shared_ptr<const codec::PixelBuffer> m_upright;
+  std::unique_ptr<LinearConverter> m_toLinear;
+  std::unique_ptr<LinearCache> m_linear = std::make_unique<LinearCache>();
   std::unique_ptr<NoiseEstimate> m_noise = std::make_unique<NoiseEstimate>();
   std::unique_ptr<EstimateCache> m_estimate = std::make_unique<EstimateCache>();
 };

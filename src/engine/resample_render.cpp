@@ -14,17 +14,24 @@ namespace tarnbloom {
 ResampleEngine::ResampleEngine(SourceImage source, EstimateEngine* estimates)
     : m_source(std::move(source)), m_estimates(estimates) {
   if (!m_source.bitmap) throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
-  if (m_source.orientation == 1) {
-    m_linear = convertToLinear(*m_source.bitmap, m_source.colorSpace);
-  } else {
-    const codec::PixelBuffer upright = applyOrientation(*m_source.bitmap, m_source.orientation);
-    m_linear = convertToLinear(upright, m_source.colorSpace);
-  }
+  m_upright = m_source.orientation == 1
+                  ? m_source.bitmap
+                  : std::make_shared<const codec::PixelBuffer>(
+                        applyOrientation(*m_source.bitmap, m_source.orientation));
+  m_toLinear = std::make_unique<LinearConverter>(*m_upright, m_source.colorSpace);
+}
+
+ResampleEngine::~ResampleEngine() = default;
+ResampleEngine::ResampleEngine(ResampleEngine&&) noexcept = default;
+
+const FloatImage& ResampleEngine::linear() const {
+  std::call_once(m_linear->once, [this] { m_linear->image = m_toLinear->rows(0, height()); });
+  return m_linear->image;
 }
 
 ResampleTarget ResampleEngine::targetSize(double scale) const {
-  return {std::max<int64_t>(1, std::llround(scale * static_cast<double>(m_linear.width))),
-          std::max<int64_t>(1, std::llround(scale * static_cast<double>(m_linear.height)))};
+  return {std::max<int64_t>(1, std::llround(scale * static_cast<double>(width()))),
+          std::max<int64_t>(1, std::llround(scale * static_cast<double>(height())))};
 }
 
 int ResampleEngine::margin(ResampleMethod method, double scale) {
@@ -33,7 +40,7 @@ int ResampleEngine::margin(ResampleMethod method, double scale) {
 }
 
 float ResampleEngine::sourceNoiseSigma() const {
-  std::call_once(m_noise->once, [this] { m_noise->sigma = ClarityPass::estimateNoise(m_linear); });
+  std::call_once(m_noise->once, [this] { m_noise->sigma = ClarityPass::estimateNoise(linear()); });
   return m_noise->sigma;
 }
 
@@ -57,14 +64,24 @@ struct ResampleEngine::BandScratch {
 
 void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width, int64_t y0,
                                 int64_t y1, ResampleMethod method, const OutputConverter& converter,
-                                codec::PixelBuffer& out, int64_t outRowOffset,
-                                BandScratch& scratch) const {
+                                codec::PixelBuffer& out, int64_t outRowOffset, BandScratch& scratch,
+                                bool whole) const {
   if (method == ResampleMethod::exact) {
     // Nothing here looks beyond an output row's own taps, so no context rows
     // are needed, and each row is converted while it is still in cache
-    // instead of going through a float band in memory.
-    const LanczosResampler::BandResampler band(m_linear, 0, 0, m_linear.width, m_linear.height,
-                                               target.width, target.height, x0, y0, width, y1 - y0);
+    // instead of going through a float band in memory. Without the whole
+    // source in floats, only the source rows the band reads are converted.
+    const int64_t sourceWidth = m_upright->width, sourceHeight = m_upright->height;
+    FloatImage rows;
+    int64_t firstRow = 0;
+    if (!whole) {
+      const auto span = LanczosResampler::window(sourceHeight, target.height, y0, y1 - y0);
+      rows = m_toLinear->rows(span.start, span.count);
+      firstRow = span.start;
+    }
+    const LanczosResampler::BandResampler band(whole ? linear() : rows, 0, firstRow, sourceWidth,
+                                               sourceHeight, target.width, target.height, x0, y0,
+                                               width, y1 - y0);
 #pragma omp parallel
     {
       FloatImage row(width, 1, 4);
@@ -77,7 +94,8 @@ void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width
     return;
   }
 
-  const auto [sx, sy] = target.scale(m_linear.width, m_linear.height);
+  const FloatImage& source = linear();
+  const auto [sx, sy] = target.scale(source.width, source.height);
   const int m = margin(method, std::max(sx, sy));
   // The margin counts source rows; Clarity's rounds of back-projection reach
   // that far on either axis, so a tile gets context columns as well.
@@ -98,13 +116,13 @@ void ResampleEngine::renderRows(ResampleTarget target, int64_t x0, int64_t width
   } catch (const std::bad_alloc&) {
     throw EngineError::vImage("resample scratch", kResamplerMemoryAllocationError);
   }
-  LanczosResampler::resampleRGBA(m_linear, 0, 0, m_linear.width, m_linear.height, target.width,
+  LanczosResampler::resampleRGBA(source, 0, 0, source.width, source.height, target.width,
                                  target.height, left, top, band);
   const ClarityPass::Plane* luminance = nullptr;
   if (clarity) {
     const BandFrame frame{
-        0, 0, left, top, m_linear.width, m_linear.height, target.width, target.height};
-    luminance = &ClarityPass::sharpenLuminance(band, frame, m_linear, sourceNoiseSigma(),
+        0, 0, left, top, source.width, source.height, target.width, target.height};
+    luminance = &ClarityPass::sharpenLuminance(band, frame, source, sourceNoiseSigma(),
                                                BandMapping::global, scratch.clarity);
   }
   // The context is cropped off here: only [x0, x0 + width) × [y0, y1) is
@@ -164,8 +182,8 @@ codec::PixelBuffer ResampleEngine::renderExport(ResampleTarget target, ResampleM
     return {};
   }
 
-  const auto [sx, sy] = target.scale(m_linear.width, m_linear.height);
-  const bool fractional = !target.integralFactor(m_linear.width, m_linear.height).has_value();
+  const auto [sx, sy] = target.scale(width(), height());
+  const bool fractional = !target.integralFactor(width(), height()).has_value();
   const int64_t budget = bandBudgetOverride > 0 ? bandBudgetOverride : bandBudget(method);
   const int64_t perRow = target.width * workingBytesPerPixel(method, sx, sy, fractional);
   const int64_t rowsPerBand =
@@ -188,8 +206,8 @@ codec::PixelBuffer ResampleEngine::renderExport(ResampleTarget target, ResampleM
     if (cancel && cancel->load()) throw EngineError::cancelled();
     const int64_t y0 = b * rowsPerBand;
     const int64_t y1 = std::min(target.height, y0 + rowsPerBand);
-    renderRows(target, 0, target.width, y0, y1, method, converter, result, onBand ? y0 : 0,
-               scratch);
+    renderRows(target, 0, target.width, y0, y1, method, converter, result, onBand ? y0 : 0, scratch,
+               false);
     if (onBand) {
       // The last band may be shorter; the buffer keeps its storage.
       result.height = static_cast<int>(y1 - y0);
@@ -219,8 +237,10 @@ codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect
   tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
                 converter.format());
   BandScratch scratch;
+  // Tiles of one picture read the same rows again and again: they keep the
+  // whole source in floats.
   renderRows(target, rect.x, rect.width, rect.y, rect.y + rect.height, method, converter, tile,
-             rect.y, scratch);
+             rect.y, scratch, true);
   return tile;
 }
 

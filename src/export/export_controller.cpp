@@ -191,8 +191,8 @@ ExportController::ExportController(Executor& executor, ExportQueueStore& queue,
   // A staging file is created new, written whole and synced, so a file
   // under its name after a crash is never mistaken for a result.
   if (!m_dependencies.writeStaged)
-    m_dependencies.writeStaged = [](const fs::path& path, std::span<const uint8_t> bytes) {
-      writeNewFile(path, std::as_bytes(bytes));
+    m_dependencies.writeStaged = [](const fs::path& path, const EncodedExport& encoded) {
+      encoded.stage(path);
     };
 }
 
@@ -504,8 +504,12 @@ void ExportController::readAndRender(const Run& shared) {
         if (m_active.get() == job) emit(events::ItemProgress{job, index, fraction});
       });
     };
+    // A file written as it renders goes straight to the destination's file
+    // system, unnamed until it is staged, instead of being held in memory.
+    const fs::path folder =
+        item.assignedOutput ? item.assignedOutput->parent_path() : item.destination;
     run.encoded = renderAndEncode(std::move(source), job.options(), run.size, run.format,
-                                  run.claims, m_context.estimates, progress);
+                                  run.claims, m_context.estimates, progress, nullptr, folder);
     for (const auto& [stage, seconds] : run.encoded.timings) run.timings[stage] = seconds;
   } catch (const Error& error) {
     run.fail(error);
@@ -611,7 +615,7 @@ void ExportController::publish(ItemRun& run) {
     if (stopBetweenSteps(run)) return;
     // The staging file beside the destination.
     try {
-      m_dependencies.writeStaged(record.stagedPath, run.encoded.bytes);
+      m_dependencies.writeStaged(record.stagedPath, run.encoded);
     } catch (const FileError& error) {
       throw WriteFailure(output, error.errnoValue());
     }
@@ -625,7 +629,8 @@ void ExportController::publish(ItemRun& run) {
     inputs.sourceHeight = run.sourceHeight;
     inputs.sourceBitDepth = run.facts.bitsPerComponent;
     inputs.outputPath = output;
-    inputs.outputSHA256 = sha256Hex(std::as_bytes(std::span(run.encoded.bytes)));
+    // Taken over the bytes as the writer produced them, not read back.
+    inputs.outputSHA256 = run.encoded.sha256;
     inputs.outputWidth = run.encoded.width;
     inputs.outputHeight = run.encoded.height;
     inputs.canvas = run.encoded.canvas;
@@ -666,7 +671,7 @@ void ExportController::publish(ItemRun& run) {
       ReceiptLocation::ensureParentExists(run.receiptPath);
       publication = ReceiptPairPublication::prepare(
           record.operationID, record.stagedPath, output, document, run.receiptPath,
-          record.stagedReceiptPath, m_queue.stateDirectory(), run.encoded.bytes.size());
+          record.stagedReceiptPath, m_queue.stateDirectory(), run.encoded.size);
     } catch (const FileError& error) {
       const bool receiptSide = error.path() == run.receiptPath.parent_path() ||
                                error.path() == fs::path(record.stagedReceiptPath);
@@ -688,6 +693,7 @@ void ExportController::publish(ItemRun& run) {
     }
     run.published = true;
     run.encoded.bytes = {};
+    run.encoded.file.reset();
 
     Result& result = run.result;
     result.output = output;

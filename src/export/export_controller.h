@@ -17,6 +17,7 @@
 #include "export/export_job.h"
 #include "export/export_operation_ledger.h"
 #include "export/export_queue_store.h"
+#include "export/export_render.h"
 #include "support/executor.h"
 
 namespace tarnbloom::exporting {
@@ -61,8 +62,9 @@ using ExportEvent =
 // Platform operations an export goes through; tests replace them to
 // provoke faults they cannot otherwise cause.
 struct ExportDependencies {
-  // Writes a whole staging file, synced, or throws FileError.
-  std::function<void(const std::filesystem::path&, std::span<const uint8_t>)> writeStaged;
+  // Creates the staging file as the whole encoded file, synced, or throws
+  // FileError.
+  std::function<void(const std::filesystem::path&, const EncodedExport&)> writeStaged;
   ExportInterruptionHooks hooks;
 };
 

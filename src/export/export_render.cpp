@@ -10,6 +10,8 @@
 #include "encoding/output_metadata.h"
 #include "encoding/webp_encoder.h"
 #include "engine/colour_conversion.h"
+#include "support/files.h"
+#include "support/sha256.h"
 
 namespace tarnbloom::exporting {
 
@@ -42,57 +44,99 @@ class StageClock {
 // Whether `format` is written from rows as they are rendered. A JPEG size
 // ceiling takes several whole encodes; WebP, HEIC and AVIF take the whole
 // picture in their libraries.
+// Enough of a JPEG's start to reach its frame header past any metadata.
+constexpr size_t kJPEGHeadBytes = size_t{16} << 20;
+
 bool streams(ExportFormat format, const ExportOptions& options) {
   return format == ExportFormat::png || format == ExportFormat::tiff ||
          (format == ExportFormat::jpeg && !options.jpeg.maxBytes);
 }
 
+// What stops a render whose file on disk could not be written: the band
+// receiver throws it past the engine.
+struct FileWriteStopped {
+  int errnoValue;
+};
+
 // Renders band by band into the format's row writer: the output's pixels
-// are never held whole, only the encoded file. The writer opens on the
-// first band, which fixes the layout the render chose.
+// are never held whole, and the file goes to `disk` when there is one,
+// else to memory. The writer opens on the first band, which fixes the
+// layout the render chose.
 void renderStreamed(SourceImage source, EstimateEngine* estimates, const ResolvedSize& size,
                     const ExportOptions& options, const RenderOutput& output, ExportFormat format,
                     const encoding::OutputMetadata& metadata, EncodedExport& result,
                     const RenderProgress& progress, const std::atomic<bool>* cancel,
-                    StageClock& clock) {
-  encoding::MemorySink sink;
+                    StageClock& clock, std::unique_ptr<encoding::FileSink> disk) {
+  encoding::MemorySink memory(true);
+  encoding::ByteSink& sink = disk ? static_cast<encoding::ByteSink&>(*disk) : memory;
   std::unique_ptr<encoding::RowWriter> writer;
   double encodeSeconds = 0;
+  // A full or failing disk stops the render; the export then fails where
+  // it is staged, naming its output, as any other write would.
+  const auto writing = [&](const auto& step) {
+    try {
+      step();
+    } catch (const FileError& error) {
+      if (!disk) throw;
+      throw FileWriteStopped{error.errnoValue()};
+    }
+  };
   const auto encodeBand = [&](const codec::PixelBuffer& rows, int64_t) {
     const auto start = std::chrono::steady_clock::now();
-    if (!writer) {
-      const auto layout = encoding::RowLayout::of(rows, static_cast<int>(size.height));
-      if (format == ExportFormat::png) {
-        writer = encoding::openPNG(layout, metadata, sink);
-      } else if (format == ExportFormat::tiff) {
-        writer = encoding::openTIFF(layout, metadata, sink);
-      } else {
-        const encoding::JPEGOptions jpeg = options.jpeg.normalized();
-        writer =
-            encoding::JPEGEncoder::openRows(layout, metadata, jpeg.quality, jpeg.subsampling, sink);
+    writing([&] {
+      if (!writer) {
+        const auto layout = encoding::RowLayout::of(rows, static_cast<int>(size.height));
+        if (format == ExportFormat::png) {
+          writer = encoding::openPNG(layout, metadata, sink);
+        } else if (format == ExportFormat::tiff) {
+          writer = encoding::openTIFF(layout, metadata, sink);
+        } else {
+          const encoding::JPEGOptions jpeg = options.jpeg.normalized();
+          writer = encoding::JPEGEncoder::openRows(layout, metadata, jpeg.quality, jpeg.subsampling,
+                                                   sink);
+        }
       }
-    }
-    writer->writeRows(rows);
+      writer->writeRows(rows);
+    });
     encodeSeconds +=
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   };
-  {
-    const ResampleEngine engine(std::move(source), estimates);
-    clock.mark("linearise");
-    engine.exportBands({size.width, size.height}, options.method, output, encodeBand, progress,
-                       cancel);
+  try {
+    {
+      const ResampleEngine engine(std::move(source), estimates);
+      clock.mark("linearise");
+      engine.exportBands({size.width, size.height}, options.method, output, encodeBand, progress,
+                         cancel);
+    }
+    // The source is gone before the file is finished: TIFF may hold its
+    // file more than once while its EXIF goes in.
+    const auto start = std::chrono::steady_clock::now();
+    writing([&] {
+      writer->finish();
+      writer.reset();
+      result.sha256 = disk ? disk->sha256() : memory.sha256();
+    });
+    encodeSeconds +=
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  } catch (const FileWriteStopped& stopped) {
+    result.writeFailure = stopped.errnoValue;
+    return;
   }
-  // The source in linear light is gone before the file is finished: TIFF
-  // holds its file more than once while its EXIF goes in.
-  const auto start = std::chrono::steady_clock::now();
-  writer->finish();
-  writer.reset();
-  result.bytes = sink.take();
-  encodeSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   clock.markInterleaved("render", "encode", encodeSeconds);
-  if (format == ExportFormat::jpeg)
+  std::vector<uint8_t> head;
+  if (disk) {
+    result.size = disk->size();
+    if (format == ExportFormat::jpeg) head = disk->head(kJPEGHeadBytes);
+    result.file = std::move(disk);
+  } else {
+    result.bytes = memory.take();
+    result.size = result.bytes.size();
+  }
+  if (format == ExportFormat::jpeg) {
     result.jpegReport = encoding::JPEGEncoder::report(
-        options.jpeg, options.jpeg.normalized().quality, false, result.bytes);
+        options.jpeg, options.jpeg.normalized().quality, false, result.file ? head : result.bytes);
+    result.jpegReport->bytesActual = static_cast<int64_t>(result.size);
+  }
 }
 
 }  // namespace
@@ -100,7 +144,8 @@ void renderStreamed(SourceImage source, EstimateEngine* estimates, const Resolve
 EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
                               const ResolvedSize& size, ExportFormat format,
                               const std::vector<std::string>& claims, EstimateEngine* estimates,
-                              const RenderProgress& progress, const std::atomic<bool>* cancel) {
+                              const RenderProgress& progress, const std::atomic<bool>* cancel,
+                              const std::filesystem::path& fileFolder) {
   EncodedExport result;
   // A canvas decides the output's size: known before any pixel is rendered.
   const auto& canvasSpec = options.canvas;
@@ -145,7 +190,8 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
 
   if (!canvasSpec && streams(format, options)) {
     renderStreamed(std::move(source), estimates, size, options, output, format, metadata, result,
-                   progress, cancel, clock);
+                   progress, cancel, clock,
+                   fileFolder.empty() ? nullptr : encoding::FileSink::openUnnamed(fileFolder));
     return result;
   }
 
@@ -190,8 +236,23 @@ EncodedExport renderAndEncode(SourceImage source, const ExportOptions& options,
       break;
     }
   }
+  result.size = result.bytes.size();
+  result.sha256 = sha256Hex(std::as_bytes(std::span(result.bytes)));
   clock.mark("encode");
   return result;
+}
+
+void EncodedExport::stage(const std::filesystem::path& path) const {
+  if (writeFailure) throw FileError(path, "write", writeFailure);
+  if (!file) return writeNewFile(path, std::as_bytes(std::span(bytes)));
+  file->linkAs(path);
+}
+
+std::vector<uint8_t> EncodedExport::contents() const {
+  if (!file) return bytes;
+  std::vector<uint8_t> whole(file->size());
+  whole.resize(file->readAt(0, whole));
+  return whole;
 }
 
 }  // namespace tarnbloom::exporting

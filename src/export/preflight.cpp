@@ -1,7 +1,9 @@
 #include "export/preflight.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <thread>
 
 #include "encoding/webp_encoder.h"
 #include "engine/resample_engine.h"
@@ -163,7 +165,7 @@ SourceClassification classifySource(const SourceProbe& probe, bool accessible,
     return result;
   }
   if (exceedsMemoryAdmission(probe.width, probe.height, size.width, size.height, options.method,
-                             format)) {
+                             format, ExportMemoryShape::of(options, probe.bitDepth))) {
     result.exception =
         exception(Class::overCodecLimit, Cause::memoryLimit,
                   "Enlarging " + sizeText(probe.width, probe.height) + " to " +
@@ -176,28 +178,156 @@ SourceClassification classifySource(const SourceProbe& probe, bool accessible,
   return result;
 }
 
+ExportMemoryShape ExportMemoryShape::of(const ExportOptions& options, int sourceBitDepth) {
+  ExportMemoryShape shape;
+  shape.sourceBitDepth = sourceBitDepth;
+  shape.jpegSizeCeiling = options.jpeg.maxBytes.has_value();
+  if (options.canvas) shape.canvas = std::pair{options.canvas->width, options.canvas->height};
+  shape.threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+  return shape;
+}
+
+namespace {
+
+// Bytes in doubles: the sums below may pass any integer type before they
+// are compared with the ceiling.
+struct PeakModel {
+  double source = 0, output = 0, scaleX = 1, scaleY = 1;
+  double outputWidth = 0, outputHeight = 0, sourceWidth = 0, sourceHeight = 0;
+  double outputSampleBytes = 3, sourceSampleBytes = 3;
+};
+
+// The program and its libraries. The constants below were measured with
+// bench/memory_admission_bench.sh (peak RSS of real exports).
+constexpr double kBaseBytes = 8.0 * (1 << 20);
+// Streamed exports also keep some rows of the output's width: the
+// encoder's rows, the converter's and the resampler's per thread.
+constexpr double kStreamedBytesPerColumn = 1370;
+// PNG deflates a few pieces of rows per thread at a time, each with its
+// filtered rows and room for its compressed bytes.
+constexpr double kPNGBytesPerColumnAndThread = 700;
+// Clarity's float band and planes per pixel of a band with its context.
+constexpr double kClarityBytesPerBandPixel = 37;
+
+// Encoder working bytes per output pixel for formats that take the whole
+// picture: their own converted copies of it, and the file they build.
+double wholeEncoderBytesPerPixel(encoding::ExportFormat format, bool jpegCeiling) {
+  switch (format) {
+    case encoding::ExportFormat::webp:
+      return 7.5;
+    case encoding::ExportFormat::heic:
+      return 20;
+    case encoding::ExportFormat::avif:
+      return 23;
+    case encoding::ExportFormat::jpeg:
+      return jpegCeiling ? 2 : 1;
+    default:
+      return 1;
+  }
+}
+
+// An Exact or Clarity band: the output rows it converts into, and the
+// float buffers the render of those rows holds.
+struct Band {
+  double rows = 0, converted = 0, working = 0;
+};
+
+Band band(const PeakModel& m, ResampleMethod method, bool fractional) {
+  const double perPixel = static_cast<double>(
+      ResampleEngine::workingBytesPerPixel(method, m.scaleX, m.scaleY, fractional));
+  const double budget = static_cast<double>(ResampleEngine::bandBudget(method));
+  Band b;
+  b.rows = std::min(m.outputHeight, std::max(1.0, std::floor(budget / (m.outputWidth * perPixel))));
+  b.converted = b.rows * m.outputWidth * m.outputSampleBytes;
+  if (method == ResampleMethod::clarity) {
+    // Clarity renders its context rows (the margin, in source rows) with
+    // the band.
+    const double scale = std::max(m.scaleX, m.scaleY);
+    const double context = ResampleEngine::margin(method, scale) * std::max(m.scaleY, 1.0);
+    b.working = std::min(m.outputHeight, b.rows + 2 * context) * m.outputWidth *
+                kClarityBytesPerBandPixel;
+  } else {
+    // The horizontal pass keeps the band's source rows at the output's
+    // width, and the source rows it reads in floats at the source's width.
+    const double sourceRows = std::min(m.sourceHeight, b.rows / m.scaleY + 6);
+    b.working = sourceRows * 16 * (m.outputWidth + m.sourceWidth);
+  }
+  return b;
+}
+
+bool streamsToDisk(ResampleMethod method, encoding::ExportFormat format,
+                   const ExportMemoryShape& shape) {
+  using encoding::ExportFormat;
+  if (method == ResampleMethod::estimate || shape.canvas) return false;
+  return format == ExportFormat::png || format == ExportFormat::tiff ||
+         (format == ExportFormat::jpeg && !shape.jpegSizeCeiling);
+}
+
+double peakBytes(const PeakModel& m, ResampleMethod method, encoding::ExportFormat format,
+                 const ExportMemoryShape& shape, bool fractional) {
+  const double sourceBitmap = m.source * m.sourceSampleBytes;
+  const double linearSource = method == ResampleMethod::exact ? 0 : m.source * 16;
+  const double encoderPerPixel = wholeEncoderBytesPerPixel(format, shape.jpegSizeCeiling);
+  if (method == ResampleMethod::estimate) {
+    // The network's input and estimate at ×4 of the source (8-bit RGBA),
+    // then at the output size its estimate, the Exact render and their
+    // blend, besides the output picture and its file.
+    const double network = m.source * 4 * (1 + 16);
+    const double cache = m.output * 4 * 3;
+    return kBaseBytes + sourceBitmap + linearSource + std::max(network, cache) +
+           m.output * (m.outputSampleBytes + encoderPerPixel);
+  }
+  const Band b = band(m, method, fractional);
+  if (streamsToDisk(method, format, shape)) {
+    double rows = kStreamedBytesPerColumn * m.outputWidth;
+    if (format == encoding::ExportFormat::png)
+      rows += std::min(b.converted,
+                       kPNGBytesPerColumnAndThread * std::max(1, shape.threads) * m.outputWidth);
+    return kBaseBytes + sourceBitmap + linearSource + b.converted + b.working + rows;
+  }
+  // Held whole: the render converts into the picture band by band; then
+  // the encoder (and a canvas) work from it once the source is gone.
+  const double picture = m.output * m.outputSampleBytes;
+  const double render = sourceBitmap + linearSource + b.working + picture;
+  double canvas = 0;
+  if (shape.canvas)
+    canvas = static_cast<double>(shape.canvas->first) * static_cast<double>(shape.canvas->second) *
+             m.outputSampleBytes;
+  const double encodedPixels = shape.canvas ? canvas / m.outputSampleBytes : m.output;
+  const double encode = picture + canvas + encodedPixels * encoderPerPixel;
+  return kBaseBytes + std::max(render, encode);
+}
+
+}  // namespace
+
 int64_t estimatedPeakWorkingBytes(int64_t sourceWidth, int64_t sourceHeight, int64_t outputWidth,
                                   int64_t outputHeight, ResampleMethod method,
-                                  encoding::ExportFormat format) {
+                                  encoding::ExportFormat format, const ExportMemoryShape& shape) {
   if (sourceWidth < 1 || sourceHeight < 1 || outputWidth < 1 || outputHeight < 1) return 0;
-  const double scaleX = static_cast<double>(outputWidth) / static_cast<double>(sourceWidth);
-  const double scaleY = static_cast<double>(outputHeight) / static_cast<double>(sourceHeight);
-  const bool fractional = scaleY != std::floor(scaleY) || scaleX != std::floor(scaleX);
-  int64_t perPixel = ResampleEngine::workingBytesPerPixel(method, scaleX, scaleY, fractional);
-  if (format == encoding::ExportFormat::webp)
-    perPixel += encoding::WebPEncoder::encoderScratchBytesPerPixel;
-  int64_t bytes = 0;
-  if (__builtin_mul_overflow(perPixel, outputWidth, &bytes) ||
-      __builtin_mul_overflow(bytes, outputHeight, &bytes))
+  PeakModel m;
+  m.sourceWidth = static_cast<double>(sourceWidth);
+  m.sourceHeight = static_cast<double>(sourceHeight);
+  m.outputWidth = static_cast<double>(outputWidth);
+  m.outputHeight = static_cast<double>(outputHeight);
+  m.source = m.sourceWidth * m.sourceHeight;
+  m.output = m.outputWidth * m.outputHeight;
+  m.scaleX = m.outputWidth / m.sourceWidth;
+  m.scaleY = m.outputHeight / m.sourceHeight;
+  const bool wide = shape.sourceBitDepth > 8;
+  m.sourceSampleBytes = wide ? 6 : 3;
+  m.outputSampleBytes = wide && encoding::supports16Bit(format) ? 6 : 3;
+  const bool fractional = m.scaleY != std::floor(m.scaleY) || m.scaleX != std::floor(m.scaleX);
+  const double bytes = peakBytes(m, method, format, shape, fractional);
+  if (!(bytes < static_cast<double>(std::numeric_limits<int64_t>::max())))
     return std::numeric_limits<int64_t>::max();
-  return bytes;
+  return static_cast<int64_t>(std::ceil(bytes));
 }
 
 bool exceedsMemoryAdmission(int64_t sourceWidth, int64_t sourceHeight, int64_t outputWidth,
                             int64_t outputHeight, ResampleMethod method,
-                            encoding::ExportFormat format) {
+                            encoding::ExportFormat format, const ExportMemoryShape& shape) {
   return estimatedPeakWorkingBytes(sourceWidth, sourceHeight, outputWidth, outputHeight, method,
-                                   format) > kMemoryAdmissionBytes;
+                                   format, shape) > kMemoryAdmissionBytes;
 }
 
 }  // namespace tarnbloom::exporting

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "encoding/export_format.h"
 #include "engine/dimension_resolver.h"
@@ -59,15 +60,37 @@ SourceClassification classifySource(const SourceProbe& probe, bool accessible,
                                     const ExportOptions& options, encoding::ExportFormat format,
                                     bool explicit8Bit);
 
-// Working bytes of one render: the resampler's bytes per output pixel for
-// the method and scale, plus WebP's encoder scratch, times the output's
-// pixels. Saturates instead of overflowing.
+// What besides its sizes, method and format decides the memory an export
+// holds.
+struct ExportMemoryShape {
+  int sourceBitDepth = 8;  // 8 or 16: the depth the source is held at
+  // A JPEG byte ceiling: the picture is held whole and encoded until it fits.
+  bool jpegSizeCeiling = false;
+  // The canvas the render is composed onto; the picture is then held whole.
+  std::optional<std::pair<int64_t, int64_t>> canvas;
+  // Threads the encoders work with (PNG deflates a few pieces per thread).
+  int threads = 1;
+  // The shape of `options` for a source of `sourceBitDepth` on this machine.
+  static ExportMemoryShape of(const ExportOptions& options, int sourceBitDepth);
+};
+
+// The peak memory of one export in bytes, by the path it takes:
+// - Exact or Clarity to JPEG (no byte ceiling), PNG or TIFF without a
+//   canvas: the source and one band of output rows; the file goes to disk
+//   as it is written. Exact converts only the source rows a band reads;
+//   Clarity holds the source in linear light;
+// - WebP, HEIC, AVIF, a JPEG byte ceiling or a canvas: the whole output
+//   picture besides the render, then the encoder's own copy of it;
+// - Enhance: the network's estimate, the Exact render and their blend at
+//   the output size, besides the picture itself.
+// Any side below 1 gives 0. Saturates instead of overflowing.
 int64_t estimatedPeakWorkingBytes(int64_t sourceWidth, int64_t sourceHeight, int64_t outputWidth,
                                   int64_t outputHeight, ResampleMethod method,
-                                  encoding::ExportFormat format);
+                                  encoding::ExportFormat format,
+                                  const ExportMemoryShape& shape = {});
 inline constexpr int64_t kMemoryAdmissionBytes = 1'600'000'000;
 bool exceedsMemoryAdmission(int64_t sourceWidth, int64_t sourceHeight, int64_t outputWidth,
                             int64_t outputHeight, ResampleMethod method,
-                            encoding::ExportFormat format);
+                            encoding::ExportFormat format, const ExportMemoryShape& shape = {});
 
 }  // namespace tarnbloom::exporting

@@ -3,6 +3,8 @@
 // the real libraries must read it back with its pixels and metadata.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <random>
 #include <system_error>
@@ -11,7 +13,10 @@
 #include "encoding/byte_sink.h"
 #include "encoding/image_writer.h"
 #include "encoding/jpeg_encoder.h"
+#include "fixtures.h"
 #include "support/error.h"
+#include "support/files.h"
+#include "support/sha256.h"
 #include "test_support.h"
 
 namespace tarnbloom::encoding {
@@ -174,6 +179,62 @@ TEST(RowWriter, RefusesRowsThatDoNotFitAndPassesSinkFailuresOn) {
       EXPECT_EQ(error.code().value(), ENOSPC);
     }
   }
+}
+
+// A file written to disk as it is made must be the file made in memory,
+// TIFF's patched header and EXIF rewrite included, and its hash, taken as
+// the bytes went out, the hash of what lands under its name.
+TEST(FileSink, HoldsTheSameFileAsMemoryAndHashesItAsWritten) {
+  testing::TempDir dir;
+  const PixelBuffer image = noisyImage(700, 260, 3, SampleFormat::uint8);
+  OutputMetadata metadata;
+  metadata.exif = testing::exifWithOrientation(1);
+  for (const ExportFormat format : {ExportFormat::png, ExportFormat::tiff, ExportFormat::jpeg})
+    for (const bool exif : {false, true}) {
+      SCOPED_TRACE(std::string(rawValue(format)) + (exif ? " with EXIF" : ""));
+      const OutputMetadata& used = exif ? metadata : OutputMetadata{};
+      MemorySink memory(true);
+      const auto disk = FileSink::openUnnamed(dir.path());
+      ASSERT_TRUE(disk) << "the test folder's file system makes unnamed files";
+      for (ByteSink* sink : {static_cast<ByteSink*>(&memory), static_cast<ByteSink*>(disk.get())}) {
+        const auto writer = open(format, RowLayout::of(image, image.height), used, *sink);
+        writer->writeRows(band(image, 0, 97));
+        writer->writeRows(band(image, 97, image.height - 97));
+        writer->finish();
+      }
+      const std::string memoryHash = memory.sha256();
+      const std::vector<uint8_t> bytes = memory.take();
+      EXPECT_EQ(memoryHash, sha256Hex(std::as_bytes(std::span(bytes))));
+      EXPECT_EQ(disk->size(), bytes.size());
+      EXPECT_EQ(disk->sha256(), memoryHash);
+
+      const auto named = dir.path() / ("out." + std::string(rawValue(format)) + (exif ? "e" : ""));
+      disk->linkAs(named);
+      const auto onDisk = testing::readBytes(named);
+      EXPECT_TRUE(std::equal(onDisk.begin(), onDisk.end(),
+                             reinterpret_cast<const std::byte*>(bytes.data()),
+                             reinterpret_cast<const std::byte*>(bytes.data() + bytes.size())));
+      // On another file system the file is copied under its name.
+      struct stat here {
+      }, there{};
+      if (::stat(dir.path().c_str(), &here) == 0 && ::stat("/dev/shm", &there) == 0 &&
+          here.st_dev != there.st_dev) {
+        const std::filesystem::path elsewhere =
+            "/dev/shm/tarnbloom-sink-" + std::to_string(::getpid()) + named.filename().string();
+        disk->linkAs(elsewhere);
+        const auto copied = testing::readBytes(elsewhere);
+        std::filesystem::remove(elsewhere);
+        EXPECT_TRUE(copied == onDisk);
+      }
+      // A name is given once: an existing file is never replaced.
+      try {
+        disk->linkAs(named);
+        FAIL() << "an existing file was replaced";
+      } catch (const FileError& error) {
+        EXPECT_EQ(error.errnoValue(), EEXIST);
+      }
+    }
+  EXPECT_FALSE(FileSink::openUnnamed(dir.path() / "missing")) << "no folder, no file on disk";
 }
 
 }  // namespace

@@ -195,6 +195,28 @@ TEST(Render, GivesTheSameBytesForAnyBandsAndThreads) {
     ASSERT_TRUE(std::equal(tile.row(y), tile.row(y) + tile.rowBytes(), full8.row(y + 29) + 17 * 4));
 }
 
+// Exports convert only the source rows each band reads; previews convert
+// the whole source once. Both must give the same pixels, for a turned
+// source too.
+TEST(Render, ConvertsTheRowsABandReadsAsTheWholeSourceWouldBe) {
+  std::mt19937 random(9);
+  const PixelBuffer pixels = rgb8(45, 31, [&](int, int) {
+    return std::array<uint8_t, 3>{uint8_t(random()), uint8_t(random()), uint8_t(random())};
+  });
+  for (const uint32_t orientation : {1u, 6u}) {
+    SCOPED_TRACE(orientation);
+    SourceImage source = sourceFrom(pixels);
+    source.orientation = orientation;
+    const ResampleEngine engine(std::move(source));
+    const ResampleTarget target{engine.width() * 3 + 1, engine.height() * 3 - 1};
+    const PixelBuffer exported =
+        engine.exportImage(target, ResampleMethod::exact, {}, {}, nullptr, target.width * 16 * 5);
+    const PixelBuffer tile = engine.previewTile(target, {0, 0, target.width, target.height},
+                                                ResampleMethod::exact, true);
+    EXPECT_TRUE(tile.data == exported.data);
+  }
+}
+
 // Streamed bands must be the whole render cut into rows: in order, none
 // missing, and with Clarity's context the same as on the whole image.
 TEST(Render, HandsOverBandsThatJoinIntoTheWholeExport) {

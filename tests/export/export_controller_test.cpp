@@ -14,6 +14,7 @@
 #include "export/receipt.h"
 #include "fixtures.h"
 #include "support/files.h"
+#include "support/sha256.h"
 #include "test_support.h"
 
 namespace tarnbloom::exporting {
@@ -139,7 +140,7 @@ TEST_F(ControllerFixture, AFullDiskFailsTheItemAndLeavesNoPartialFile) {
   const bool mounted = ::mount("tmpfs", tiny.c_str(), "tmpfs", 0, "size=16k") == 0;
   ExportDependencies dependencies;
   if (!mounted)
-    dependencies.writeStaged = [](const fs::path& path, std::span<const uint8_t>) {
+    dependencies.writeStaged = [](const fs::path& path, const EncodedExport&) {
       throw FileError(path, "write", ENOSPC);
     };
   start(std::move(dependencies));
@@ -153,7 +154,7 @@ TEST_F(ControllerFixture, AReadOnlyFolderFailsTheItemWithItsReason) {
   ExportDependencies dependencies;
   // Root writes through permission bits, so the refusal is injected there.
   if (::geteuid() == 0)
-    dependencies.writeStaged = [](const fs::path& path, std::span<const uint8_t>) {
+    dependencies.writeStaged = [](const fs::path& path, const EncodedExport&) {
       throw FileError(path, "write", EROFS);
     };
   else
@@ -166,9 +167,9 @@ TEST_F(ControllerFixture, AReadOnlyFolderFailsTheItemWithItsReason) {
 
 TEST_F(ControllerFixture, ASourceEditedDuringTheExportIsNotPublished) {
   ExportDependencies dependencies;
-  dependencies.writeStaged = [this](const fs::path& path, std::span<const uint8_t> bytes) {
+  dependencies.writeStaged = [this](const fs::path& path, const EncodedExport& encoded) {
     testing::writeText(source, "edited by another application");
-    testing::writeBytes(path, bytes);
+    encoded.stage(path);
   };
   start(std::move(dependencies));
   expectFailedLeavingNothing(exportSource(out), out, "The source file changed after loading");
@@ -250,6 +251,36 @@ TEST_F(ControllerFixture, AnUnusableReceiptsFolderCostsTheReceiptNotTheExport) {
   EXPECT_EQ(filesIn(out), std::vector<fs::path>{out / "photo_320x240.png"});
   EXPECT_TRUE(ledger->all().empty());
   EXPECT_EQ(queue->jobs().at(0).items.at(0).state, ExportQueueItemState::completed);
+}
+
+// Whether the file went to disk as it was written (JPEG, PNG, TIFF) or was
+// held whole (WebP, HEIC, AVIF, a JPEG size ceiling), the receipt's hash,
+// taken as the bytes were written, is the hash of the published file.
+TEST_F(ControllerFixture, TheReceiptHashesThePublishedFileInEveryFormat) {
+  start();
+  using encoding::ExportFormat;
+  for (const ExportFormat format : {ExportFormat::png, ExportFormat::tiff, ExportFormat::jpeg,
+                                    ExportFormat::webp, ExportFormat::heic, ExportFormat::avif})
+    for (const bool ceiling : {false, true}) {
+      if (ceiling && format != ExportFormat::jpeg) continue;
+      SCOPED_TRACE(std::string(encoding::rawValue(format)) + (ceiling ? " with a ceiling" : ""));
+      const fs::path folder =
+          out / (std::string(encoding::rawValue(format)) + (ceiling ? "-c" : ""));
+      fs::create_directories(folder);
+      const JobReport report = runJob([&] {
+        Submission one = submission({source}, folder);
+        one.description.options.format = format;
+        if (ceiling) one.description.options.jpeg.maxBytes = 1'000'000;
+        controller->submit(std::move(one));
+      });
+      ASSERT_EQ(report.results.size(), 1u);
+      const Result& result = report.results[0];
+      ASSERT_EQ(result.kind, Result::Kind::exported) << result.errorText;
+      ASSERT_TRUE(result.output && result.receipt);
+      const auto receipt = nlohmann::json::parse(testing::readText(*result.receipt));
+      EXPECT_EQ(Receipt::outputSHA256(receipt), sha256OfFile(*result.output));
+      EXPECT_EQ(filesIn(folder).size(), 2u) << "the output and its receipt, nothing staged";
+    }
 }
 
 // Three photos; a stop asked for while the first is written ends the item

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "export/preflight.h"
 #include "fixtures.h"
 #include "test_support.h"
 
@@ -96,6 +97,49 @@ TEST_F(Planning, RefusesWhatCannotWorkAndLeavesTheUnreadableToTheExport) {
 
   description.options.sizeMode = SizeMode::x2;  // 16,382 wide: within the limit
   EXPECT_TRUE(ExportPlanner(description, "{source}", {}).plan({dir / "edge.png"}).refusals.empty());
+}
+
+// Files written as they render hold one band whatever the output's size;
+// formats and paths that hold the picture whole grow with it, so the same
+// enlargement can pass as PNG and be refused as WebP or HEIC.
+TEST(MemoryAdmission, FollowsWhatEachPathHolds) {
+  using encoding::ExportFormat;
+  const auto peak = [](int64_t scale, ExportFormat format, ResampleMethod method,
+                       const ExportMemoryShape& shape = {}) {
+    return estimatedPeakWorkingBytes(6000, 4000, 6000 * scale, 4000 * scale, method, format, shape);
+  };
+  for (const ExportFormat format : {ExportFormat::png, ExportFormat::tiff, ExportFormat::jpeg}) {
+    SCOPED_TRACE(encoding::rawValue(format));
+    const double small = static_cast<double>(
+        estimatedPeakWorkingBytes(1620, 1080, 6480, 4320, ResampleMethod::exact, format));
+    const double large = static_cast<double>(
+        estimatedPeakWorkingBytes(1620, 1080, 24000, 16000, ResampleMethod::exact, format));
+    EXPECT_LT(large, 1.5 * small) << "a streamed export's peak stays flat";
+    EXPECT_FALSE(exceedsMemoryAdmission(6000, 4000, 24000, 16000, ResampleMethod::exact, format));
+    EXPECT_LT(peak(4, format, ResampleMethod::exact), peak(4, format, ResampleMethod::clarity));
+  }
+  EXPECT_TRUE(
+      exceedsMemoryAdmission(6000, 4000, 24000, 16000, ResampleMethod::exact, ExportFormat::heic));
+  EXPECT_GT(peak(2, ExportFormat::webp, ResampleMethod::exact),
+            peak(2, ExportFormat::png, ResampleMethod::exact));
+  // A byte ceiling or a canvas holds the JPEG whole; a 16-bit source is
+  // held at twice the bytes.
+  ExportMemoryShape ceiling, canvas, wide;
+  ceiling.jpegSizeCeiling = true;
+  canvas.canvas = std::pair<int64_t, int64_t>{13000, 9000};
+  wide.sourceBitDepth = 16;
+  const double streamed = static_cast<double>(peak(2, ExportFormat::jpeg, ResampleMethod::exact));
+  EXPECT_GT(static_cast<double>(peak(2, ExportFormat::jpeg, ResampleMethod::exact, ceiling)),
+            1.5 * streamed);
+  EXPECT_GT(static_cast<double>(peak(2, ExportFormat::jpeg, ResampleMethod::exact, canvas)),
+            2 * streamed);
+  EXPECT_GT(peak(2, ExportFormat::png, ResampleMethod::exact, wide),
+            peak(2, ExportFormat::png, ResampleMethod::exact) + 6000 * 4000 * 3);
+  EXPECT_EQ(
+      estimatedPeakWorkingBytes(0, 4000, 12000, 8000, ResampleMethod::exact, ExportFormat::png), 0);
+  EXPECT_EQ(estimatedPeakWorkingBytes(1, 1, INT64_MAX / 2, INT64_MAX / 2, ResampleMethod::exact,
+                                      ExportFormat::webp),
+            INT64_MAX);
 }
 
 }  // namespace
