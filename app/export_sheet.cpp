@@ -168,20 +168,7 @@ ExportRequest ExportSheet::request() const {
   const int format = m_format->currentData().toInt();
   o.formatFollowsSource = format < 0;
   if (format >= 0) o.format = static_cast<ExportFormat>(format);
-  switch (o.resolvedFormat(m_source)) {
-    case ExportFormat::jpeg:
-      o.jpeg.quality = m_quality->value();
-      break;
-    case ExportFormat::webp:
-      o.webp.lossyQuality = static_cast<float>(m_quality->value());
-      break;
-    case ExportFormat::avif:
-    case ExportFormat::heic:
-      o.heifQuality = m_quality->value();
-      break;
-    default:
-      break;
-  }
+  setLossyQuality(o, o.resolvedFormat(m_source), m_quality->value());
   if (m_ceiling->value() > 0)
     o.jpeg.maxBytes = static_cast<int64_t>(m_ceiling->value()) * 1000;
   else

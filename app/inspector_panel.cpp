@@ -154,20 +154,7 @@ void InspectorPanel::readControls() {
   const int format = m_format->currentData().toInt();
   o.formatFollowsSource = format < 0;
   if (format >= 0) o.format = static_cast<ExportFormat>(format);
-  switch (o.format) {
-    case ExportFormat::jpeg:
-      o.jpeg.quality = m_quality->value();
-      break;
-    case ExportFormat::webp:
-      o.webp.lossyQuality = static_cast<float>(m_quality->value());
-      break;
-    case ExportFormat::avif:
-    case ExportFormat::heic:
-      o.heifQuality = m_quality->value();
-      break;
-    default:
-      break;
-  }
+  setLossyQuality(o, o.format, m_quality->value());
   m_policy.read(o.colourPolicy);
   updateVisibility();
 }

@@ -4,6 +4,24 @@ namespace tarnbloom::app {
 
 using encoding::MetadataToggle;
 
+void setLossyQuality(exporting::ExportOptions& options, encoding::ExportFormat format,
+                     int quality) {
+  switch (format) {
+    case encoding::ExportFormat::jpeg:
+      options.jpeg.quality = quality;
+      break;
+    case encoding::ExportFormat::webp:
+      options.webp.lossyQuality = static_cast<float>(quality);
+      break;
+    case encoding::ExportFormat::avif:
+    case encoding::ExportFormat::heic:
+      options.heifQuality = quality;
+      break;
+    default:
+      break;
+  }
+}
+
 PolicyControls PolicyControls::make(bool shortLabels) {
   PolicyControls controls;
   controls.profile = named(new QComboBox, QStringLiteral("Colour profile"));

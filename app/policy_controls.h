@@ -6,6 +6,8 @@
 #include <string_view>
 
 #include "encoding/colour_policy.h"
+#include "encoding/export_format.h"
+#include "export/export_options.h"
 
 namespace tarnbloom::app {
 
@@ -21,6 +23,10 @@ W* named(W* widget, const QString& name) {
   widget->setObjectName(name);
   return widget;
 }
+
+// Sets the quality of the lossy format `format` (JPEG, WebP, HEIC, AVIF);
+// lossless formats have none.
+void setLossyQuality(exporting::ExportOptions& options, encoding::ExportFormat format, int quality);
 
 // The colour profile and metadata choices, made the same way wherever they
 // are offered (the inspector, the export sheet).

@@ -41,12 +41,12 @@ def check_volumes(job, container):
 
 
 job = load("tarnbloom-indexed-job.yaml")
-spec = job["spec"]
-assert spec["completionMode"] == "Indexed"
-completions = spec["completions"]
+indexed = job["spec"]
+assert indexed["completionMode"] == "Indexed"
+completions = indexed["completions"]
 assert isinstance(completions, int) and completions >= 1
-assert isinstance(spec["parallelism"], int) and 1 <= spec["parallelism"] <= completions
-assert spec["template"]["spec"]["restartPolicy"] in ("Never", "OnFailure")
+assert isinstance(indexed["parallelism"], int) and 1 <= indexed["parallelism"] <= completions
+assert indexed["template"]["spec"]["restartPolicy"] in ("Never", "OnFailure")
 container = container_of(job)
 assert container["image"]
 script = " ".join(container.get("command", []) + container.get("args", []))
