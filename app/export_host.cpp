@@ -1,6 +1,7 @@
 #include "app/export_host.h"
 
 #include <QFutureWatcher>
+#include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
 
 #include "app/qt_executor.h"
@@ -28,7 +29,8 @@ ExportHost::ExportHost(EstimateEngine* estimates, QObject* parent)
 ExportHost::~ExportHost() {
   // The controller stops a running job after its step and waits; the
   // lanes are joined after it, so nothing lands in a half-gone host.
-  m_controller.reset();
+  m_controller = nullptr;
+  m_agent.reset();
   m_executor.reset();
 }
 
@@ -69,55 +71,75 @@ void ExportHost::start() {
 }
 
 void ExportHost::finishStart(std::shared_ptr<StateFolderLock> lock) {
-  m_lock = std::move(lock);
-  const fs::path& folder = m_context.stateFolder;
   m_executor = std::make_unique<QtExecutor>(this, ExportController::kLanes);
-  m_queue = std::make_unique<ExportQueueStore>(folder, m_context.clock);
-  m_ledger = std::make_unique<ExportOperationLedger>(folder / "Operations");
-  m_controller = std::make_unique<ExportController>(*m_executor, *m_queue, *m_ledger, m_context);
+  agent::AgentHost::Loop loop{
+      *m_executor,
+      [this](std::chrono::milliseconds delay, std::function<void()> task) {
+        QTimer::singleShot(delay, this, std::move(task));
+      },
+      // The window decides when the program ends, not an idle instance.
+      [] {}};
+  agent::AgentHost::Options options;
+  options.app = {TARNBLOOM_VERSION, TARNBLOOM_VERSION, "com.tarnbloom.app"};
+  options.lock = std::move(lock);
+  options.notify = [this](const agent::AgentResult& result) { Q_EMIT announce(result); };
+  options.log = [](const std::string& text) { qInfo("%s", text.c_str()); };
+  try {
+    m_agent = std::make_unique<agent::AgentHost>(loop, m_context.stateFolder, std::move(options));
+  } catch (const Error& error) {
+    m_blocked = qs(error.description());
+    Q_EMIT blockedChanged(m_blocked);
+    return;
+  }
+  m_controller = &m_agent->controller();
   m_controller->subscribe([this](const ExportEvent& event) { onEvent(event); });
   m_blocked.clear();
   Q_EMIT blockedChanged(m_blocked);
   Q_EMIT ready();
+  for (const std::string& message : std::exchange(m_waitingMessages, {})) m_agent->receive(message);
+}
+
+void ExportHost::receive(const std::string& message) {
+  if (m_agent)
+    m_agent->receive(message);
+  else
+    m_waitingMessages.push_back(message);
 }
 
 RecoveryFindings ExportHost::recover() {
   RecoveryFindings findings;
-  if (!m_queue) return findings;
-  if (const auto& failure = m_queue->loadFailure()) {
+  if (!m_agent) return findings;
+  ExportQueueStore& queue = m_agent->queue();
+  if (const auto& failure = queue.loadFailure()) {
     QString note = qs(failure->description() + ' ' + failure->recoverySuggestion());
-    if (m_queue->quarantinedAt())
-      note += qs(" It is now “" + m_queue->quarantinedAt()->string() + "”.");
-    if (m_queue->quarantineFailed())
+    if (queue.quarantinedAt())
+      note += qs(" It is now “" + queue.quarantinedAt()->string() + "”.");
+    if (queue.quarantineFailed())
       note += QStringLiteral(
           " The original file could not be moved aside, so it was left exactly where it is.");
     findings.notes << note;
   }
-  RecoveryReport report;
-  try {
-    report = m_queue->recoverInterruptedWork(*m_ledger);
-  } catch (const Error& error) {
-    findings.notes << qs(error.description());
-    return findings;
-  }
+  // The host settled the previous run's work before it took any job.
+  const RecoveryReport& report = m_agent->recovery();
   for (const auto& text : report.leftOut) findings.notes << qs(text);
   for (const auto& receipt : report.mismatchedReceipts)
     findings.notes << qs(
         "Pending or mismatched receipt: these settings do not describe the current output "
         "bytes. Retry the interrupted export.\n\n" +
         receipt.string());
-  findings.interrupted = !m_queue->pendingJobs().empty();
+  findings.interrupted = !queue.pendingJobs().empty();
   return findings;
 }
 
 QStringList ExportHost::resumeInterrupted() {
   QStringList problems;
   if (!m_controller) return problems;
+  ExportQueueStore& queue = m_agent->queue();
   std::vector<std::string> ids;
-  for (const auto* job : m_queue->pendingJobs()) ids.push_back(job->id);
+  for (const auto* job : queue.pendingJobs()) ids.push_back(job->id);
   for (const auto& id : ids) {
     try {
-      m_controller->resume(*m_queue->job(id));
+      m_controller->resume(*queue.job(id));
     } catch (const Error& error) {
       problems << qs("Job " + id + ": " + error.description());
     }
@@ -126,14 +148,15 @@ QStringList ExportHost::resumeInterrupted() {
 }
 
 void ExportHost::discardInterrupted() {
-  if (!m_queue) return;
+  if (!m_agent) return;
+  ExportQueueStore& queue = m_agent->queue();
   std::vector<std::pair<std::string, std::string>> items;
-  for (const auto* job : m_queue->pendingJobs())
+  for (const auto* job : queue.pendingJobs())
     for (const auto& item : job->items)
       if (item.state == ExportQueueItemState::pending || item.state == ExportQueueItemState::running)
         items.emplace_back(job->id, item.id);
   try {
-    for (const auto& [job, item] : items) m_queue->mark(job, item, ExportQueueItemState::stopped);
+    for (const auto& [job, item] : items) queue.mark(job, item, ExportQueueItemState::stopped);
   } catch (const Error&) {
     // The queue keeps them pending then; the next launch asks again.
   }
@@ -160,7 +183,7 @@ QStringList ExportHost::submit(const fs::path& source, const ExportRequest& requ
     refusals << qs(refusal.source.filename().string() + ": " + refusal.text);
   if (plan.items.empty()) return refusals;
   try {
-    m_controller->submit({plan.description, std::move(plan.items), {}, {}});
+    m_windowJobs.insert(m_controller->submit({plan.description, std::move(plan.items), {}, {}}));
   } catch (const Error& error) {
     refusals << qs(error.description());
   }

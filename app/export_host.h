@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -10,10 +11,12 @@
 #include <QString>
 #include <QStringList>
 
+#include "agent/agent_host.h"
 #include "engine/estimate_engine.h"
 #include "export/export_controller.h"
 #include "export/export_job.h"
 #include "export/state_folder_lock.h"
+#include <QMetaType>
 
 namespace tarnbloom::app {
 
@@ -44,10 +47,11 @@ struct RecoveryFindings {
   QStringList notes;         // load failures, left-out items, mismatched receipts
 };
 
-// The window's host of the export controller: it owns the state folder for
-// this process, the queue, the ledger and the controller on Qt's loop, and
-// turns the controller's events into signals. The lock is taken off the
-// GUI thread, since another process may hold it for a while.
+// The window's host of the export controller: the instance's AgentHost
+// on Qt's loop, so that the window's exports, agent jobs and file-manager
+// runs share one controller and one queue. It turns the controller's
+// events into signals. The state folder's lock is taken off the GUI
+// thread, since another process may hold it for a while.
 class ExportHost : public QObject {
   Q_OBJECT
 
@@ -70,10 +74,17 @@ class ExportHost : public QObject {
   // retry still can.
   void discardInterrupted();
 
+  // A message for the instance (a tarnbloom:// URL): handled now, or once
+  // the host is ready.
+  void receive(const std::string& message);
+  agent::AgentHost* agentHost() { return m_agent.get(); }
+
   // Plans one source and submits it. Returns the refusal texts
   // ("photo.jpg: …") when nothing was submitted; empty on success.
   QStringList submit(const std::filesystem::path& source, const ExportRequest& request);
   void stop();
+  // Whether the window submitted this job (not an agent or a file manager).
+  bool isWindowJob(const QString& jobID) const { return m_windowJobs.count(jobID.toStdString()) > 0; }
   bool busy() const { return m_controller && m_controller->busy(); }
 
  Q_SIGNALS:
@@ -85,6 +96,8 @@ class ExportHost : public QObject {
   void jobFinished(const QString& jobID, const QStringList& notes);
   void stopRequested();
   void drained();
+  // An agent job or file-manager run that asked to be announced ended.
+  void announce(const tarnbloom::agent::AgentResult& result);
 
  private:
   void finishStart(std::shared_ptr<exporting::StateFolderLock> lock);
@@ -95,11 +108,11 @@ class ExportHost : public QObject {
   EstimateEngine* m_estimates;
   exporting::ExportContext m_context;
   QString m_blocked;
-  std::shared_ptr<exporting::StateFolderLock> m_lock;
   std::unique_ptr<QtExecutor> m_executor;
-  std::unique_ptr<exporting::ExportQueueStore> m_queue;
-  std::unique_ptr<exporting::ExportOperationLedger> m_ledger;
-  std::unique_ptr<exporting::ExportController> m_controller;
+  std::unique_ptr<agent::AgentHost> m_agent;
+  exporting::ExportController* m_controller = nullptr;
+  std::vector<std::string> m_waitingMessages;
+  std::set<std::string> m_windowJobs;
 };
 
 }  // namespace tarnbloom::app

@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -19,14 +20,18 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
+#include "agent/agent_host.h"
 #include "app/compare_view.h"
+#include "app/desktop_notifier.h"
 #include "app/export_sheet.h"
 #include "app/inspector_panel.h"
+#include "app/instance_link.h"
 #include "app/photo_document.h"
 #include "app/progress_strip.h"
 #include "engine/estimate_error.h"
 #include "engine/render_progress_model.h"
 #include "support/settings.h"
+#include "support/state_paths.h"
 
 namespace tarnbloom::app {
 
@@ -170,6 +175,7 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent) {
   });
   connect(m_host.get(), &ExportHost::blockedChanged, this, [this] { updateActions(); });
   connect(m_host.get(), &ExportHost::drained, this, [this] { updateActions(); });
+  connectInstance();
   restoreLayout();
   activeTabChanged();
 }
@@ -563,7 +569,64 @@ void MainWindow::exportActive() {
     QMessageBox::warning(this, QStringLiteral("Nothing was exported"), refusals.join("\n"));
 }
 
-void MainWindow::startExports() { m_host->start(); }
+void MainWindow::startExports() { m_link->claim(); }
+
+void MainWindow::connectInstance() {
+  m_notifier = new DesktopNotifier(this);
+  m_link = new InstanceLink(stateFolder(), this);
+  // The state folder is taken only once this window owns the instance, so
+  // that a headless service finishing its jobs is never raced.
+  connect(m_link, &InstanceLink::owned, m_host.get(), &ExportHost::start);
+  connect(m_link, &InstanceLink::openRequested, this, [this](const QStringList& paths) {
+    openFiles(paths);
+    if (isMinimized()) showNormal();
+    raise();
+    activateWindow();
+  });
+  connect(m_link, &InstanceLink::linkReceived, this,
+          [this](const QString& link) { m_host->receive(link.toStdString()); });
+  connect(m_link, &InstanceLink::anotherWindow, this, [this] {
+    // Another window started at the same moment and owns the instance:
+    // it takes this one's photos, and this one goes.
+    QStringList paths;
+    for (int i = 0; i < m_tabs->count(); ++i)
+      paths << qs(pageAt(m_tabs, i)->document()->path().string());
+    InstanceLink::handToRunningWindow(stateFolder(), paths);
+    close();
+  });
+  connect(m_host.get(), &ExportHost::announce, this, [this](const agent::AgentResult& result) {
+    QString reveal;
+    for (const auto& item : result.items)
+      if (item.output) reveal = qs(*item.output);
+    m_notifier->show(QStringLiteral("Tarnbloom"), qs(agent::notificationSummary(result)), reveal);
+  });
+  connect(m_host.get(), &ExportHost::itemFinished, this,
+          [this](const QString& jobID, const FinishedItem& item) {
+            if (!item.output.isEmpty()) m_lastOutput[jobID] = item.output;
+          });
+  connect(m_host.get(), &ExportHost::jobFinished, this,
+          [this](const QString& jobID, const QStringList&) { announceWindowJob(jobID); });
+}
+
+void MainWindow::announceWindowJob(const QString& jobID) {
+  const QString output = m_lastOutput[jobID];
+  m_lastOutput.erase(jobID);
+  if (!m_host->isWindowJob(jobID) || isActiveWindow()) return;
+  const QString body = output.isEmpty() ? QStringLiteral("The export finished without a file.")
+                                        : QStringLiteral("Exported ") + QFileInfo(output).fileName() + ".";
+  m_notifier->show(QStringLiteral("Tarnbloom"), body, output);
+}
+
+void MainWindow::openArguments(const QStringList& arguments) {
+  QStringList files;
+  for (const QString& argument : arguments) {
+    if (argument.startsWith(QStringLiteral("tarnbloom:"), Qt::CaseInsensitive))
+      m_host->receive(argument.toStdString());
+    else
+      files << argument;
+  }
+  if (!files.isEmpty()) openFiles(files);
+}
 
 void MainWindow::askAboutInterruptedExports() {
   const RecoveryFindings findings = m_host->recover();

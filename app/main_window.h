@@ -23,6 +23,8 @@ class QTabWidget;
 namespace tarnbloom::app {
 
 class CompareView;
+class DesktopNotifier;
+class InstanceLink;
 class InspectorPanel;
 class PhotoDocument;
 class ProgressStrip;
@@ -41,6 +43,9 @@ class MainWindow : public QMainWindow {
   ~MainWindow() override;
 
   void openFiles(const QStringList& paths);
+  // A launch's arguments: photos open in tabs, tarnbloom:// links go to
+  // the instance once it runs.
+  void openArguments(const QStringList& arguments);
   // The host starts (and asks about interrupted exports) once shown.
   void startExports();
 
@@ -77,6 +82,9 @@ class MainWindow : public QMainWindow {
   void updateTitle();
   void exportActive();
   void askAboutInterruptedExports();
+  void connectInstance();
+  // Away from the window, a finished export is announced.
+  void announceWindowJob(const QString& jobID);
   void setMethod(ResampleMethod method);
   void rememberRecent(const QString& path);
   void rebuildRecentMenu();
@@ -87,6 +95,10 @@ class MainWindow : public QMainWindow {
 
   EstimateEngine m_estimates{EstimateEngine::configuredURL()};
   std::unique_ptr<ExportHost> m_host;
+  InstanceLink* m_link = nullptr;
+  DesktopNotifier* m_notifier = nullptr;
+  // The last file each of the window's running jobs wrote.
+  std::map<QString, QString> m_lastOutput;
   QSplitter* m_splitter = nullptr;
   QStackedWidget* m_stack = nullptr;
   QTabWidget* m_tabs = nullptr;

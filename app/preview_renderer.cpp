@@ -27,47 +27,83 @@ void PreviewRenderer::post(SerialWorker& worker, std::function<void()> task) {
   });
 }
 
+void PreviewRenderer::cancel() {
+  ++m_generation;
+  if (m_stopNetwork) m_stopNetwork->store(true);
+  m_stopNetwork.reset();
+  m_networkEngine = nullptr;
+}
+
+std::shared_ptr<std::atomic<bool>> PreviewRenderer::networkFlagFor(const ResampleEngine* engine,
+                                                                   const PreviewSettings& settings) {
+  const bool needed = settings.method == ResampleMethod::estimate;
+  const bool same = needed && m_stopNetwork && engine == m_networkEngine &&
+                    settings.target.width == m_networkTarget.width &&
+                    settings.target.height == m_networkTarget.height;
+  if (same) return m_stopNetwork;
+  // The running network computes an estimate nobody will look at.
+  if (m_stopNetwork) m_stopNetwork->store(true);
+  m_stopNetwork = needed ? std::make_shared<std::atomic<bool>>(false) : nullptr;
+  m_networkEngine = needed ? engine : nullptr;
+  m_networkTarget = settings.target;
+  return m_stopNetwork;
+}
+
 uint64_t PreviewRenderer::request(std::shared_ptr<const ResampleEngine> engine,
                                   const PreviewSettings& settings,
                                   std::vector<preview::PixelRect> tiles,
                                   std::vector<preview::PixelRect> exactFirst) {
   const uint64_t generation = ++m_generation;
+  auto stopNetwork = networkFlagFor(engine.get(), settings);
   {
     std::lock_guard lock(m_lock);
     m_done.clear();
   }
   if (!exactFirst.empty())
     post(*m_fast, [this, engine, settings, exactFirst = std::move(exactFirst), generation] {
-      render(engine, settings, ResampleMethod::exact, exactFirst, generation);
+      render(engine, settings, ResampleMethod::exact, exactFirst, generation, nullptr);
     });
   SerialWorker& lane = settings.method == ResampleMethod::estimate ? *m_slow : *m_fast;
-  post(lane, [this, engine = std::move(engine), settings, tiles = std::move(tiles), generation] {
-    render(engine, settings, settings.method, tiles, generation);
+  post(lane, [this, engine = std::move(engine), settings, tiles = std::move(tiles), generation,
+               stopNetwork = std::move(stopNetwork)] {
+    render(engine, settings, settings.method, tiles, generation, stopNetwork.get());
   });
   return generation;
 }
 
 void PreviewRenderer::render(const std::shared_ptr<const ResampleEngine>& engine,
                              const PreviewSettings& settings, ResampleMethod method,
-                             const std::vector<preview::PixelRect>& tiles, uint64_t generation) {
+                             const std::vector<preview::PixelRect>& tiles, uint64_t generation,
+                             const std::atomic<bool>* stopNetwork) {
   const auto stale = [&] { return m_generation.load() != generation; };
-  const bool final = method == settings.method;
+  const bool reported = method == settings.method && method != ResampleMethod::exact;
+  const auto report = [&](int64_t done, int64_t total) {
+    if (!reported) return;
+    QMetaObject::invokeMethod(
+        this, [this, done = static_cast<int>(done), total = static_cast<int>(total), generation] {
+          if (generation == m_generation) Q_EMIT progress(done, total);
+        },
+        Qt::QueuedConnection);
+  };
+  // The first Enhance tile may run the network over the whole photo: its
+  // tiles count in the same bar as the preview's own.
+  int64_t networkTiles = 0;
+  const auto tileCount = static_cast<int64_t>(tiles.size());
+  const RenderProgress network = [&](int64_t done, int64_t total) {
+    networkTiles = total;
+    report(done, total + tileCount);
+  };
   try {
-    const int total = static_cast<int>(tiles.size());
-    int done = 0;
+    int64_t done = 0;
     for (const auto& rect : tiles) {
       if (stale()) return;
       deliver({rect, settings, method, generation,
                toQImage(engine->previewTile(settings.target,
                                             {rect.x, rect.y, rect.width, rect.height}, method,
-                                            settings.keepProfile, settings.strength))});
+                                            settings.keepProfile, settings.strength,
+                                            done == 0 ? network : RenderProgress{}, stopNetwork))});
       ++done;
-      if (final && method != ResampleMethod::exact)
-        QMetaObject::invokeMethod(
-            this, [this, done, total, generation] {
-              if (generation == m_generation) Q_EMIT progress(done, total);
-            },
-            Qt::QueuedConnection);
+      report(networkTiles + done, networkTiles + tileCount);
     }
   } catch (const Error& error) {
     if (stale()) return;

@@ -41,7 +41,9 @@ struct PreviewTile {
 // requests in order: one for Exact and Clarity, one for Enhance, whose
 // first tile runs the network on the whole photo and cannot be stopped, so
 // a switch back to Exact never waits for it. A new request makes every
-// older one stale, and stale work stops at the next tile boundary. Finished tiles gather in a
+// older one stale, and stale work stops at the next tile boundary; the
+// network itself stops at its next tile unless the new request needs the
+// same estimate (a pan, another strength). Finished tiles gather in a
 // guarded list; only the first tile into an empty list wakes the GUI
 // thread, which takes them all.
 class PreviewRenderer : public QObject {
@@ -56,7 +58,7 @@ class PreviewRenderer : public QObject {
   uint64_t request(std::shared_ptr<const ResampleEngine> engine, const PreviewSettings& settings,
                    std::vector<preview::PixelRect> tiles,
                    std::vector<preview::PixelRect> exactFirst);
-  void cancel() { ++m_generation; }
+  void cancel();
   uint64_t generation() const { return m_generation; }
   bool busy() const { return m_busy.load() > 0; }
 
@@ -74,11 +76,19 @@ class PreviewRenderer : public QObject {
   // Renders `tiles` with `method`; progress is reported for the final one.
   void render(const std::shared_ptr<const ResampleEngine>& engine, const PreviewSettings& settings,
               ResampleMethod method, const std::vector<preview::PixelRect>& tiles,
-              uint64_t generation);
+              uint64_t generation, const std::atomic<bool>* stopNetwork);
+  // GUI thread: the flag that stops the network run `settings` needs,
+  // raising the one of a run it does not need.
+  std::shared_ptr<std::atomic<bool>> networkFlagFor(const ResampleEngine* engine,
+                                                    const PreviewSettings& settings);
   void post(SerialWorker& worker, std::function<void()> task);
   void deliver(PreviewTile tile);
 
   std::atomic<uint64_t> m_generation{0};
+  // The estimate the slow lane is (or was last) asked for, and its stop flag.
+  const ResampleEngine* m_networkEngine = nullptr;
+  ResampleTarget m_networkTarget;
+  std::shared_ptr<std::atomic<bool>> m_stopNetwork;
   std::atomic<int> m_busy{0};
   std::mutex m_lock;
   std::vector<PreviewTile> m_done;

@@ -17,6 +17,7 @@
 #include "cli/info_command.h"
 #include "cli/job_follower.h"
 #include "cli/mcp_command.h"
+#include "cli/menu_command.h"
 #include "cli/preflight_command.h"
 #include "cli/queue_command.h"
 #include "cli/recipe_command.h"
@@ -51,6 +52,8 @@ constexpr const char* kUsage =
     "                          write a crop preview and the confirmation an export of it needs\n"
     "  recipe list|show|import|export|delete|save ...\n"
     "                          the saved recipes; run one with enlarge --recipe ID|NAME\n"
+    "  menu list|add|remove|move|publish|integrations ...\n"
+    "                          the file manager's Tarnbloom menu: Enlarge and chosen recipes\n"
     "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed "
     "ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
@@ -125,6 +128,7 @@ int main(int argc, char** argv) {
   if (command == "report") return tarnbloom::cli::runReport(arguments);
   if (command == "canvas") return tarnbloom::cli::runCanvas(arguments);
   if (command == "recipe") return tarnbloom::cli::runRecipe(arguments);
+  if (command == "menu") return tarnbloom::cli::runMenu(arguments);
   if (command == "mcp") return tarnbloom::cli::runMcp(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;

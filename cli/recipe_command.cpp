@@ -7,6 +7,7 @@
 #include "cli/exit_codes.h"
 #include "cli/export_flags.h"
 #include "cli/help_option.h"
+#include "cli/menu_command.h"
 #include "engine/estimate_engine.h"
 #include "support/files.h"
 #include "support/state_paths.h"
@@ -132,6 +133,7 @@ int save(const std::vector<std::string>& arguments) {
   draft.outputs.push_back(outputFrom(flags, out));
   const auto saved = recipeLibrary().save(draft);
   std::cout << "Saved “" << saved.name << "” as " << saved.id << ".\n";
+  republishFinderMenu();
   return kExitSuccess;
 }
 
@@ -167,6 +169,7 @@ int runRecipe(const std::vector<std::string>& arguments) {
       try {
         const auto draft = recipeLibrary().importFile(arguments[1], availableMethods());
         std::cout << "Imported “" << draft.name << "” as " << draft.id << ".\n";
+        republishFinderMenu();
         return kExitSuccess;
       } catch (const Error& error) {
         std::cerr << RecipeStore::kImportFailureTitle << '\n'
@@ -198,6 +201,7 @@ int runRecipe(const std::vector<std::string>& arguments) {
       else
         recipeLibrary().remove(RecipeStore::find(entries, arguments[1]));
       std::cout << RecipeStore::kRemoveNote << '\n';
+      republishFinderMenu();
       return kExitSuccess;
     }
   } catch (const UsageError& error) {

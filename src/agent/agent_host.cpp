@@ -54,16 +54,17 @@ AgentHost::AgentHost(Loop loop, fs::path stateFolder, Options options)
       m_context(exporting::ExportContext::standard(&m_estimates)) {
   m_context.appVersion = m_options.app.version;
   m_context.appBuild = m_options.app.build;
-  m_lock = std::make_unique<exporting::StateFolderLock>(m_context.stateFolder);
+  m_lock = m_options.lock ? m_options.lock
+                          : std::make_shared<exporting::StateFolderLock>(m_context.stateFolder);
   m_queue = std::make_unique<exporting::ExportQueueStore>(m_context.stateFolder, m_context.clock);
   m_ledger = std::make_unique<exporting::ExportOperationLedger>(m_context.stateFolder / "Operations");
   m_controller = std::make_unique<exporting::ExportController>(m_loop.executor, *m_queue, *m_ledger,
                                                                m_context);
   // What a killed run left is settled before anything new is planned, so
   // that finished files are never exported again.
-  const auto recovery = m_queue->recoverInterruptedWork(*m_ledger);
+  m_recovery = m_queue->recoverInterruptedWork(*m_ledger);
   if (m_options.log)
-    for (const auto& text : recovery.leftOut) m_options.log(text);
+    for (const auto& text : m_recovery.leftOut) m_options.log(text);
 
   AgentJobService::Configuration configuration;
   configuration.app = m_options.app;
@@ -136,6 +137,13 @@ std::string AgentHost::receive(const std::string& message) {
 
 bool AgentHost::idle() const { return m_jobs->idle() && !m_controller->hasWork(); }
 
+void AgentHost::handOver() {
+  m_options.untilIdle = true;
+  m_options.idleGrace = std::chrono::milliseconds(200);
+  m_lastActivity = std::chrono::steady_clock::now() - m_options.idleGrace;
+  scheduleIdleCheck();
+}
+
 void AgentHost::scheduleIdleCheck() {
   if (!m_options.untilIdle || m_idleCheckPending) return;
   m_idleCheckPending = true;
@@ -151,13 +159,13 @@ void AgentHost::scheduleIdleCheck() {
 }
 
 void AgentHost::notifyUser(const AgentResult& result) {
+  if (m_options.notify) {
+    m_options.notify(result);
+    return;
+  }
   // Desktop notifications need a session bus; a headless run has none.
   if (!std::getenv("DBUS_SESSION_BUS_ADDRESS")) return;
-  const auto& counts = result.counts;
-  std::string body = std::to_string(counts.completed) + " enlarged";
-  if (counts.skipped > 0) body += ", " + std::to_string(counts.skipped) + " skipped";
-  if (counts.failed > 0) body += ", " + std::to_string(counts.failed) + " failed";
-  if (result.error) body += ". " + result.error->message;
+  const std::string body = notificationSummary(result);
   const char* arguments[] = {"notify-send", "--app-name=Tarnbloom", "Tarnbloom", body.c_str(),
                              nullptr};
   pid_t child = -1;
@@ -170,6 +178,15 @@ void AgentHost::notifyUser(const AgentResult& result) {
   }
 }
 
+std::string notificationSummary(const AgentResult& result) {
+  const auto& counts = result.counts;
+  std::string body = std::to_string(counts.completed) + " enlarged";
+  if (counts.skipped > 0) body += ", " + std::to_string(counts.skipped) + " skipped";
+  if (counts.failed > 0) body += ", " + std::to_string(counts.failed) + " failed";
+  if (result.error) body += ". " + result.error->message;
+  return body;
+}
+
 int runHeadlessService(const fs::path& stateFolder, bool untilIdle, AgentAppInfo app) {
   EventLoop loop;
   LoopExecutor executor(loop, exporting::ExportController::kLanes);
@@ -180,11 +197,16 @@ int runHeadlessService(const fs::path& stateFolder, bool untilIdle, AgentAppInfo
   auto owner = InstanceOwner::claim(
       InstanceAddress::forStateFolder(stateFolder),
       [&loop, &host, &pending](const std::string& line) {
+        // Photos to open need a window; the caller then asks us to leave.
+        if (line.rfind("open ", 0) == 0 || line == "raise") return std::string(AgentHost::kNoWindowReply);
         ++pending;
         // The listener never waits for the loop, so that stopping it can
         // never wait on a loop that no longer runs.
         loop.post([&host, &pending, line] {
-          host->receive(line);
+          if (line == AgentHost::kHandOverMessage)
+            host->handOver();
+          else
+            host->receive(line);
           --pending;
         });
         return std::string("ok");

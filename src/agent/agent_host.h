@@ -39,7 +39,19 @@ class AgentHost {
     // How long an idle instance started for work waits for more.
     std::chrono::milliseconds idleGrace{3000};
     std::function<void(const std::string&)> log;
+    // The state folder's lock when the host took it already (the desktop
+    // application takes it off its window's thread); else the constructor
+    // takes it, waiting.
+    std::shared_ptr<exporting::StateFolderLock> lock;
+    // Shows a finished job that asked to be announced; by default
+    // `notify-send`, when there is a session bus.
+    std::function<void(const AgentResult&)> notify;
   };
+
+  // What the owner answers when asked to open photos it has no window for,
+  // and the message that asks a headless owner to leave to a window.
+  static constexpr const char* kNoWindowReply = "no-window";
+  static constexpr const char* kHandOverMessage = "handover";
 
   // Takes the state folder (waiting while a command that exports in
   // process holds it), recovers what a previous run left, and finishes the
@@ -54,7 +66,15 @@ class AgentHost {
   std::string receive(const std::string& message);
 
   bool idle() const;
+  // A desktop window wants to own the instance: finish what runs, then
+  // quit, as an instance started for work does.
+  void handOver();
   exporting::ExportController& controller() { return *m_controller; }
+  exporting::ExportQueueStore& queue() { return *m_queue; }
+  exporting::ExportOperationLedger& ledger() { return *m_ledger; }
+  // What settling the previous run's work found, for a window to report.
+  const exporting::RecoveryReport& recovery() const { return m_recovery; }
+  const exporting::ExportContext& context() const { return m_context; }
   AgentJobService& jobs() { return *m_jobs; }
 
  private:
@@ -69,15 +89,19 @@ class AgentHost {
   Options m_options;
   EstimateEngine m_estimates;
   exporting::ExportContext m_context;
-  std::unique_ptr<exporting::StateFolderLock> m_lock;
+  std::shared_ptr<exporting::StateFolderLock> m_lock;
   std::unique_ptr<exporting::ExportQueueStore> m_queue;
   std::unique_ptr<exporting::ExportOperationLedger> m_ledger;
   std::unique_ptr<exporting::ExportController> m_controller;
   std::unique_ptr<AgentJobService> m_jobs;
   std::unique_ptr<AgentURLHandler> m_handler;
+  exporting::RecoveryReport m_recovery;
   std::chrono::steady_clock::time_point m_lastActivity;
   bool m_idleCheckPending = false;
 };
+
+// "12 enlarged, 1 skipped": what a finished job's notification says.
+std::string notificationSummary(const AgentResult& result);
 
 // `tarnbloom service`: claims the instance of the state folder and serves
 // until SIGTERM/SIGINT, or, with `untilIdle`, until idle. Returns 0, or 0

@@ -147,8 +147,10 @@ codec::PixelBuffer ResampleEngine::renderEstimate(ResampleTarget target, const R
 
 codec::PixelBuffer ResampleEngine::estimateTile(ResampleTarget target, OutputRect rect,
                                                 const OutputConverter& converter,
-                                                double strength) const {
-  const auto pixels = blendedEstimate(target, strength, {}, nullptr);
+                                                double strength,
+                                                const RenderProgress& progress,
+                                                const std::atomic<bool>* cancel) const {
+  const auto pixels = blendedEstimate(target, strength, progress, cancel);
   codec::PixelBuffer tile;
   tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
                 converter.format());

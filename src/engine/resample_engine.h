@@ -95,9 +95,13 @@ class ResampleEngine {
   // Only `rect` of the output at `target` size, 8 bits, for the compare view:
   // the same pixels the export writes there. Enhance renders the estimate
   // at `estimateStrength` (running the network once per target size; a new
-  // strength only blends again) or throws, never anything else.
+  // strength only blends again) or throws, never anything else. `progress`
+  // and `cancel` reach the network's tiles: a cancelled run throws
+  // EngineError cancelled and leaves nothing cached.
   codec::PixelBuffer previewTile(ResampleTarget target, OutputRect rect, ResampleMethod method,
-                                 bool keepProfile, double estimateStrength = 0.5) const;
+                                 bool keepProfile, double estimateStrength = 0.5,
+                                 const RenderProgress& progress = {},
+                                 const std::atomic<bool>* cancel = nullptr) const;
 
   // Source rows of context each band renders above and below itself (and
   // columns beside a tile, for Clarity).
@@ -140,7 +144,9 @@ class ResampleEngine {
                                     const std::atomic<bool>* cancel) const;
   // `rect` of the Enhance render at `target`, from the cached estimate.
   codec::PixelBuffer estimateTile(ResampleTarget target, OutputRect rect,
-                                  const OutputConverter& converter, double strength) const;
+                                  const OutputConverter& converter, double strength,
+                                  const RenderProgress& progress,
+                                  const std::atomic<bool>* cancel) const;
   // The Exact render at `target` as 8-bit premultiplied sRGB RGBA.
   std::vector<uint8_t> exactMosaic(ResampleTarget target) const;
   // The estimate at `target` blended with Exact at `strength`, as 8-bit

@@ -223,7 +223,9 @@ codec::PixelBuffer ResampleEngine::renderExport(ResampleTarget target, ResampleM
 
 codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect rect,
                                                ResampleMethod method, bool keepProfile,
-                                               double estimateStrength) const {
+                                               double estimateStrength,
+                                               const RenderProgress& progress,
+                                               const std::atomic<bool>* cancel) const {
   if (rect.width < 1 || rect.height < 1 || rect.x < 0 || rect.y < 0 ||
       rect.x + rect.width > target.width || rect.y + rect.height > target.height)
     throw EngineError::vImage("resample geometry", kResamplerInvalidParameter);
@@ -232,7 +234,7 @@ codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect
   OutputConverter converter(space, false, m_source.hasAlpha);
   if (!m_source.hasAlpha) converter.assumeOpaque();
   if (method == ResampleMethod::estimate)
-    return estimateTile(target, rect, converter, estimateStrength);
+    return estimateTile(target, rect, converter, estimateStrength, progress, cancel);
   codec::PixelBuffer tile;
   tile.allocate(static_cast<int>(rect.width), static_cast<int>(rect.height), converter.channels(),
                 converter.format());

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "fixtures.h"
@@ -126,6 +128,81 @@ TEST(DesktopApplication, ExportsAPhotoWithTheKeyboardAlone) {
   x.screenshot("e2e-exported");
   // Settings were kept in the shared file under the export options' keys.
   EXPECT_NE(testing::readText(home / "settings.json").find("\"sizeMode\""), std::string::npos);
+}
+
+// One instance per state folder, and it is the window: a headless service
+// that ran first gives way to it, a second launch hands its photo over and
+// ends, and the command-line tool's jobs run in the window's controller.
+TEST(DesktopApplication, TheWindowIsTheOneInstanceEveryLaunchAndCommandReaches) {
+  if (runCommand("command -v Xvfb >/dev/null && command -v xdotool >/dev/null") != 0)
+    GTEST_SKIP() << "Xvfb or xdotool is not installed (scripts/setup installs both)";
+  XServer x;
+  if (!x.running()) GTEST_SKIP() << "no X server could be started";
+
+  testing::TempDir home, photos, out;
+  std::vector<uint8_t> rgb(static_cast<size_t>(96) * 64 * 3);
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>((i * 29 + i / 288 * 7) % 256);
+  testing::writeJpeg(photos / "first.jpg", 96, 64, rgb);
+  testing::writeJpeg(photos / "second.jpg", 96, 64, rgb);
+  const std::string env = "env TARNBLOOM_HOME=" + home.path().string() +
+                          " XDG_CONFIG_HOME=" + home.path().string() + " QT_QPA_PLATFORM=xcb ";
+  const auto processesOf = [&](const std::string& pattern) {
+    std::string pids;
+    runCommand("for p in $(pgrep -f '" + pattern + "'); do grep -qz 'TARNBLOOM_HOME=" +
+                   home.path().string() + "$' /proc/$p/environ 2>/dev/null && echo $p; done",
+               &pids);
+    return pids;
+  };
+  struct Cleanup {
+    std::function<void()> run;
+    ~Cleanup() { run(); }
+  } cleanup{[&] {
+    for (const char* pattern : {"tarnbloom-app", "tarnbloom service"}) {
+      std::string pids = processesOf(pattern);
+      if (!pids.empty()) {
+        for (char& c : pids) c = c == '\n' ? ' ' : c;
+        runCommand("kill " + pids);
+      }
+    }
+  }};
+
+  // A service holds the folder first, as after a command-line export.
+  ASSERT_EQ(x.run(env + TARNBLOOM_CLI " service >" + (home / "service.log").string() + " 2>&1 &"), 0);
+  ASSERT_TRUE(XServer::waitUntil([&] { return !processesOf("tarnbloom service").empty(); }, 10));
+  ASSERT_EQ(x.run(env + TARNBLOOM_APP " " + (photos / "first.jpg").string() + " >" +
+                  (home / "app.log").string() + " 2>&1 &"),
+            0);
+  EXPECT_TRUE(XServer::waitUntil([&] { return processesOf("tarnbloom service").empty(); }, 20))
+      << "the idle service leaves the instance to the window";
+  std::string window;
+  ASSERT_TRUE(XServer::waitUntil(
+      [&] { return x.run("xdotool search --name 'first.jpg — Tarnbloom'", &window) == 0; }, 20))
+      << testing::readText(home / "app.log");
+
+  // A second launch hands its photo to the window and ends.
+  std::string launched;
+  ASSERT_EQ(x.run(env + "timeout 20 " TARNBLOOM_APP " " + (photos / "second.jpg").string() +
+                      "; echo $?",
+                  &launched),
+            0);
+  EXPECT_EQ(launched, "0\n");
+  EXPECT_TRUE(XServer::waitUntil(
+      [&] { return x.run("xdotool search --name 'second.jpg — Tarnbloom'", &window) == 0; }, 20));
+  std::string windows;
+  x.run("xdotool search --name ' — Tarnbloom$'", &windows);
+  EXPECT_EQ(std::count(windows.begin(), windows.end(), '\n'), 1) << "one window";
+
+  // The command-line tool reaches the window's instance: no service starts.
+  std::string output;
+  EXPECT_EQ(runCommand("TARNBLOOM_HOME=" + home.path().string() + " " TARNBLOOM_CLI " enlarge " +
+                           (photos / "second.jpg").string() + " --size x2 --method exact --out " +
+                           out.path().string(),
+                       &output),
+            0)
+      << output;
+  EXPECT_EQ(testing::filesIn(out.path()).size(), 1u) << output;
+  EXPECT_TRUE(processesOf("tarnbloom service").empty());
+  x.screenshot("e2e-single-instance");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <random>
 
+#include "engine/engine_error.h"
 #include "engine/estimate_engine.h"
 #include "engine/estimate_error.h"
 #include "engine/resample_engine.h"
@@ -183,8 +184,17 @@ TEST(EstimateRender, PreviewTilesAreTheExportAndANewStrengthOnlyBlendsAgain) {
 
   const ResampleTarget target{160, 120};
   const OutputRect rect{50, 40, 30, 20};
+  // A run the view no longer wants stops and leaves nothing cached: the
+  // next request runs the network again and reports every tile of it.
+  std::atomic<bool> stop{true};
+  EXPECT_THROW(engine.previewTile(target, rect, ResampleMethod::estimate, false, 0.2, {}, &stop),
+               EngineError);
+  int64_t reported = 0, total = -1;
   const int64_t before = estimates.inferences();
-  const auto light = engine.previewTile(target, rect, ResampleMethod::estimate, false, 0.2);
+  const auto light = engine.previewTile(target, rect, ResampleMethod::estimate, false, 0.2,
+                                        [&](int64_t done, int64_t all) { reported = done, total = all; });
+  EXPECT_EQ(reported, total);
+  EXPECT_GT(total, 0);
   const auto strong = engine.previewTile(target, rect, ResampleMethod::estimate, false, 0.9);
   EXPECT_EQ(estimates.inferences(), before + 1);
   EXPECT_FALSE(light.data == strong.data);
