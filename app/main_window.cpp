@@ -21,11 +21,13 @@
 #include <QVBoxLayout>
 
 #include "agent/agent_host.h"
+#include "agent/agent_url.h"
 #include "app/compare_view.h"
 #include "app/desktop_notifier.h"
 #include "app/export_sheet.h"
 #include "app/inspector_panel.h"
 #include "app/instance_link.h"
+#include "app/menu_run_confirmation.h"
 #include "app/photo_document.h"
 #include "app/progress_strip.h"
 #include "engine/estimate_error.h"
@@ -583,8 +585,7 @@ void MainWindow::connectInstance() {
     raise();
     activateWindow();
   });
-  connect(m_link, &InstanceLink::linkReceived, this,
-          [this](const QString& link) { m_host->receive(link.toStdString()); });
+  connect(m_link, &InstanceLink::linkReceived, this, &MainWindow::receiveLink);
   connect(m_link, &InstanceLink::anotherWindow, this, [this] {
     // Another window started at the same moment and owns the instance:
     // it takes this one's photos, and this one goes.
@@ -617,11 +618,23 @@ void MainWindow::announceWindowJob(const QString& jobID) {
   m_notifier->show(QStringLiteral("Tarnbloom"), body, output);
 }
 
+void MainWindow::receiveLink(const QString& link) {
+  const std::string text = link.toStdString();
+  if (const auto confirmation = agent::AgentURL::parseMenuConfirm(text)) {
+    raise();
+    activateWindow();
+    if (const auto run = confirmMenuRun(this, *confirmation)) m_host->receive(*run);
+    return;
+  }
+  m_host->receive(text);
+}
+
 void MainWindow::openArguments(const QStringList& arguments) {
   QStringList files;
   for (const QString& argument : arguments) {
     if (argument.startsWith(QStringLiteral("tarnbloom:"), Qt::CaseInsensitive))
-      m_host->receive(argument.toStdString());
+      // Once the window is up: a confirmation is a dialog over it.
+      QTimer::singleShot(0, this, [this, argument] { receiveLink(argument); });
     else
       files << argument;
   }

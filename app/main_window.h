@@ -83,6 +83,8 @@ class MainWindow : public QMainWindow {
   void exportActive();
   void askAboutInterruptedExports();
   void connectInstance();
+  // A tarnbloom:// link from a launch or another process.
+  void receiveLink(const QString& link);
   // Away from the window, a finished export is announced.
   void announceWindowJob(const QString& jobID);
   void setMethod(ResampleMethod method);

@@ -117,6 +117,13 @@ int main(int argc, char** argv) {
 
   // 1. Exact preview latency.
   window.openFiles({photos[0]});
+  waitFor([&] { return window.activeDocument() != nullptr; });
+  {
+    // Exact: the method whose preview must keep up with every change.
+    auto options = window.activeDocument()->options();
+    options.method = ResampleMethod::exact;
+    window.activeDocument()->setOptions(options);
+  }
   waitFor([&] { return settled(window); });
   const double oneTab = residentMiB();
   CompareView* view = window.activeView();

@@ -153,10 +153,10 @@ canvas::CanvasConfirmation readConfirmation(const fs::path& file) {
   return *confirmation;
 }
 
-agent::AgentSize agentSize(const ExportFlags& flags) {
+agent::AgentSize agentSize(SizeMode mode, double value, double boxWidth, double boxHeight) {
   using agent::AgentSizeMode;
   agent::AgentSize size;
-  switch (flags.sizeMode) {
+  switch (mode) {
     case SizeMode::x2:
       size.mode = AgentSizeMode::x2;
       break;
@@ -183,15 +183,23 @@ agent::AgentSize agentSize(const ExportFlags& flags) {
       break;
   }
   if (size.mode == AgentSizeMode::box) {
-    if (flags.boxWidth != std::floor(flags.boxWidth) ||
-        flags.boxHeight != std::floor(flags.boxHeight))
+    if (boxWidth != std::floor(boxWidth) || boxHeight != std::floor(boxHeight))
       throw UsageError("A box is measured in whole pixels: box:WIDTHxHEIGHT.");
-    size.width = static_cast<int64_t>(flags.boxWidth);
-    size.height = static_cast<int64_t>(flags.boxHeight);
-  } else if (!quickFactor(flags.sizeMode)) {
-    size.value = flags.sizeValue;
+    size.width = static_cast<int64_t>(boxWidth);
+    size.height = static_cast<int64_t>(boxHeight);
+  } else if (!quickFactor(mode)) {
+    size.value = value;
   }
   return size;
+}
+
+void describePolicy(const encoding::ColourPolicy& policy, agent::AgentExportSettings& settings) {
+  settings.profile = policy.profile;
+  settings.icc = policy.icc;
+  settings.exif = policy.exif;
+  settings.xmp = policy.xmp;
+  settings.gps = policy.gps;
+  settings.flatten = policy.flatten;
 }
 
 // How the look of the exports is written into a request: the protocol's
@@ -199,7 +207,7 @@ agent::AgentSize agentSize(const ExportFlags& flags) {
 void describeExports(const Options& options, agent::AgentRequest& request,
                      agent::AgentExportSettings& settings) {
   const ExportFlags& flags = options.flags;
-  request.size = agentSize(flags);
+  request.size = agentSize(flags.sizeMode, flags.sizeValue, flags.boxWidth, flags.boxHeight);
   request.method = agent::toAgentMethod(flags.method);
   if (flags.method == ResampleMethod::estimate) request.strength = flags.strength;
   request.format = flags.format ? agent::toAgentFormat(*flags.format) : agent::AgentFormat::same;
@@ -209,12 +217,7 @@ void describeExports(const Options& options, agent::AgentRequest& request,
   settings.jpegQuality = flags.quality.value_or(exporting::ExportOptions{}.jpeg.quality);
   if (flags.quality) settings.webpQuality = settings.heifQuality = *flags.quality;
   if (flags.maxBytes) settings.maxKB = *flags.maxBytes / 1000;
-  settings.profile = flags.policy.profile;
-  settings.icc = flags.policy.icc;
-  settings.exif = flags.policy.exif;
-  settings.xmp = flags.policy.xmp;
-  settings.gps = flags.policy.gps;
-  settings.flatten = flags.policy.flatten;
+  describePolicy(flags.policy, settings);
   settings.canvas = flags.exportOptions().canvas;
   if (!options.confirmation.empty())
     settings.canvasConfirmation = readConfirmation(options.confirmation);
@@ -281,6 +284,20 @@ int runRequest(const Options& options, const std::string& command) {
 }
 
 }  // namespace
+
+void describeOptions(const exporting::ExportOptions& options, agent::AgentRequest& request,
+                     agent::AgentExportSettings& settings) {
+  request.size = agentSize(options.sizeMode, options.sizeValue, options.boxWidth, options.boxHeight);
+  request.method = agent::toAgentMethod(options.method);
+  if (options.method == ResampleMethod::estimate) request.strength = options.estimateStrength;
+  request.format = options.formatFollowsSource ? agent::AgentFormat::same
+                                              : agent::toAgentFormat(options.format);
+  settings.jpegQuality = options.jpeg.quality;
+  settings.webpQuality = std::lround(options.webp.lossyQuality);
+  if (options.heifQuality) settings.heifQuality = *options.heifQuality;
+  if (options.jpeg.maxBytes) settings.maxKB = *options.jpeg.maxBytes / 1000;
+  describePolicy(options.colourPolicy, settings);
+}
 
 int runEnlarge(const std::vector<std::string>& arguments) {
   Options options;

@@ -18,6 +18,7 @@
 #include "cli/job_follower.h"
 #include "cli/mcp_command.h"
 #include "cli/menu_command.h"
+#include "cli/menu_run_command.h"
 #include "cli/preflight_command.h"
 #include "cli/queue_command.h"
 #include "cli/recipe_command.h"
@@ -54,6 +55,8 @@ constexpr const char* kUsage =
     "                          the saved recipes; run one with enlarge --recipe ID|NAME\n"
     "  menu list|add|remove|move|publish|integrations ...\n"
     "                          the file manager's Tarnbloom menu: Enlarge and chosen recipes\n"
+    "  menu-run --entry ENTRY -- FILE|FOLDER...\n"
+    "                          what a file manager's menu entry runs\n"
     "  queue [resume|retry]    list the export queue, finish interrupted exports, retry failed "
     "ones\n"
     "  info [--json] FILE...   describe each file and say whether it can be enlarged\n"
@@ -129,6 +132,7 @@ int main(int argc, char** argv) {
   if (command == "canvas") return tarnbloom::cli::runCanvas(arguments);
   if (command == "recipe") return tarnbloom::cli::runRecipe(arguments);
   if (command == "menu") return tarnbloom::cli::runMenu(arguments);
+  if (command == "menu-run") return tarnbloom::cli::runMenuRun(arguments);
   if (command == "mcp") return tarnbloom::cli::runMcp(arguments);
   std::cerr << "tarnbloom: unknown command “" << command << "”.\n" << kUsage;
   return tarnbloom::cli::kExitUsage;

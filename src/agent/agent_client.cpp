@@ -62,6 +62,11 @@ void AgentClient::deliver(const std::string& url) const {
 }
 
 void AgentClient::submit(const AgentRequest& request) {
+  write(request);
+  deliver(AgentURL::runURL(AgentURL::kScheme, request.job));
+}
+
+void AgentClient::write(const AgentRequest& request) const {
   try {
     const fs::path file = AgentPaths::inboxFile(request.job, m_stateFolder);
     AgentFileStore::ensureDirectory(file.parent_path());
@@ -71,7 +76,6 @@ void AgentClient::submit(const AgentRequest& request) {
   } catch (const Error& error) {
     throw AgentProtocolError(AgentErrorInfo{AgentErrorCode::internal, error.description()});
   }
-  deliver(AgentURL::runURL(AgentURL::kScheme, request.job));
 }
 
 void AgentClient::cancel(const std::string& jobID) {

@@ -27,6 +27,9 @@ class AgentClient {
   // no instance could be reached or started, internal when the inbox
   // cannot be written (the system's reason as the message).
   void submit(const AgentRequest& request);
+  // Only writes the request into the inbox, for someone to deliver later.
+  // Throws AgentProtocolError (internal).
+  void write(const AgentRequest& request) const;
 
   // Delivers tarnbloom://agent-cancel?job=ID. Throws like submit.
   void cancel(const std::string& jobID);

@@ -163,9 +163,12 @@ void AgentHost::notifyUser(const AgentResult& result) {
     m_options.notify(result);
     return;
   }
+  sendDesktopNotification(notificationSummary(result));
+}
+
+void sendDesktopNotification(const std::string& body) {
   // Desktop notifications need a session bus; a headless run has none.
   if (!std::getenv("DBUS_SESSION_BUS_ADDRESS")) return;
-  const std::string body = notificationSummary(result);
   const char* arguments[] = {"notify-send", "--app-name=Tarnbloom", "Tarnbloom", body.c_str(),
                              nullptr};
   pid_t child = -1;

@@ -102,6 +102,9 @@ class AgentHost {
 
 // "12 enlarged, 1 skipped": what a finished job's notification says.
 std::string notificationSummary(const AgentResult& result);
+// Shows `body` through `notify-send` when there is a session bus; nothing
+// otherwise (a headless run).
+void sendDesktopNotification(const std::string& body);
 
 // `tarnbloom service`: claims the instance of the state folder and serves
 // until SIGTERM/SIGINT, or, with `untilIdle`, until idle. Returns 0, or 0

@@ -62,9 +62,9 @@ std::optional<std::string> percentDecode(std::string_view text) {
   return decoded;
 }
 
-// The one "job" item's decoded value; nothing when it is missing, given
-// twice, or any item is badly escaped.
-std::optional<std::string> jobItem(std::string_view query) {
+// The one item `wanted`'s decoded value; nothing when it is missing,
+// given twice, or any item is badly escaped.
+std::optional<std::string> queryItem(std::string_view query, std::string_view wanted) {
   std::optional<std::string> job;
   while (true) {
     const size_t end = query.find('&');
@@ -77,7 +77,7 @@ std::optional<std::string> jobItem(std::string_view query) {
                              ? std::optional<std::string>(std::string())
                              : percentDecode(item.substr(equals + 1));
       if (!value) return std::nullopt;
-      if (*name == jobQueryName) {
+      if (*name == wanted) {
         // Two ids leave no way to tell which one the caller meant.
         if (job) return std::nullopt;
         job = *value;
@@ -105,9 +105,15 @@ std::string percentEncode(std::string_view text) {
   return encoded;
 }
 
-}  // namespace
 
-std::optional<Route> parse(std::string_view url, std::string_view expectedScheme) {
+struct URLParts {
+  std::string_view authority;
+  std::string_view query;
+};
+
+// The host and query of `scheme://host?query`, or nothing for anything
+// else (see parse()).
+std::optional<URLParts> split(std::string_view url, std::string_view expectedScheme) {
   if (url.size() > maxURLLength) return std::nullopt;
   for (char c : url)
     if (!isURLCharacter(c)) return std::nullopt;
@@ -128,8 +134,16 @@ std::optional<Route> parse(std::string_view url, std::string_view expectedScheme
   const std::string_view authority = rest.substr(0, question);
   // Anything after the host ("/", "/x") is a path, and a route has none.
   if (authority.find('/') != std::string_view::npos) return std::nullopt;
+  return URLParts{authority, query};
+}
 
-  const auto job = jobItem(query);
+}  // namespace
+
+std::optional<Route> parse(std::string_view url, std::string_view expectedScheme) {
+  const auto parts = split(url, expectedScheme);
+  if (!parts) return std::nullopt;
+  const auto [authority, query] = *parts;
+  const auto job = queryItem(query, jobQueryName);
   if (!job || !AgentProtocol::isValidJobID(*job)) return std::nullopt;
 
   // The authority is compared whole, so a user ("x@agent") or a port
@@ -151,6 +165,20 @@ std::string runURL(std::string_view scheme, std::string_view jobID) {
 
 std::string cancelURL(std::string_view scheme, std::string_view jobID) {
   return url(scheme, Route::cancel(std::string(jobID)));
+}
+
+std::string menuConfirmURL(std::string_view jobID, std::string_view entry) {
+  return std::string(kScheme) + "://" + std::string(menuConfirmHost) + "?" + std::string(jobQueryName) +
+         "=" + percentEncode(jobID) + "&" + std::string(entryQueryName) + "=" + percentEncode(entry);
+}
+
+std::optional<MenuConfirmation> parseMenuConfirm(std::string_view url) {
+  const auto parts = split(url, kScheme);
+  if (!parts || !equalsIgnoringCase(parts->authority, menuConfirmHost)) return std::nullopt;
+  auto job = queryItem(parts->query, jobQueryName);
+  auto entry = queryItem(parts->query, entryQueryName);
+  if (!job || !AgentProtocol::isValidJobID(*job) || !entry || entry->empty()) return std::nullopt;
+  return MenuConfirmation{std::move(*job), std::move(*entry)};
 }
 
 }  // namespace tarnbloom::agent::AgentURL

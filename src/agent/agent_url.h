@@ -44,6 +44,19 @@ std::string url(std::string_view scheme, const Route& route);
 std::string runURL(std::string_view scheme, std::string_view jobID);
 std::string cancelURL(std::string_view scheme, std::string_view jobID);
 
+// A file-manager menu entry's first use, waiting for the window's
+// confirmation: `tarnbloom://menu-confirm?job=ID&entry=ENTRY`. The request
+// is in the inbox already; the window shows it and delivers it, or not.
+inline constexpr std::string_view menuConfirmHost = "menu-confirm";
+inline constexpr std::string_view entryQueryName = "entry";
+struct MenuConfirmation {
+  std::string jobID;
+  std::string entry;  // "enlarge-2", "recipe:ID": checked by whoever reads it
+};
+std::string menuConfirmURL(std::string_view jobID, std::string_view entry);
+// Nothing for any URL that is not exactly that, with a valid job id.
+std::optional<MenuConfirmation> parseMenuConfirm(std::string_view url);
+
 }  // namespace AgentURL
 
 }  // namespace tarnbloom::agent

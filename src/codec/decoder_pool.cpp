@@ -96,10 +96,14 @@ DecoderPool& DecoderPool::shared() {
 fs::path DecoderPool::defaultHelper() {
   if (const char* named = std::getenv("TARNBLOOM_DECODE_HELPER"); named && *named) return named;
   std::error_code error;
-  const fs::path beside = fs::read_symlink("/proc/self/exe", error).parent_path() / "tarnbloom-decode";
+  const fs::path programs = fs::read_symlink("/proc/self/exe", error).parent_path();
+  const fs::path beside = programs / "tarnbloom-decode";
+  if (fs::exists(beside, error)) return beside;
+  // An installed layout keeps the helper out of PATH: PREFIX/lib/tarnbloom.
+  const fs::path installed = programs.parent_path() / "lib" / "tarnbloom" / "tarnbloom-decode";
+  if (fs::exists(installed, error)) return installed;
 #ifdef TARNBLOOM_DECODE_HELPER_BUILT
-  if (!fs::exists(beside, error) && fs::exists(TARNBLOOM_DECODE_HELPER_BUILT, error))
-    return TARNBLOOM_DECODE_HELPER_BUILT;
+  if (fs::exists(TARNBLOOM_DECODE_HELPER_BUILT, error)) return TARNBLOOM_DECODE_HELPER_BUILT;
 #endif
   return beside;
 }

@@ -54,7 +54,8 @@ class DecoderPool {
   // does and their socket closes.
   static DecoderPool& shared();
   // $TARNBLOOM_DECODE_HELPER when set, else `tarnbloom-decode` beside this
-  // executable, else the one in the build tree (tests and benchmarks).
+  // executable, else ../lib/tarnbloom/ from it (the installed layout), else
+  // the one in the build tree (tests and benchmarks).
   static std::filesystem::path defaultHelper();
 
   // Frame 0 of the sealed bytes at its native depth. Throws CodecError as

@@ -8,6 +8,8 @@
 
 #include <QAction>
 #include <QLabel>
+#include <QMessageBox>
+#include <QTimer>
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
@@ -16,17 +18,23 @@
 #include <QWheelEvent>
 #include <QDropEvent>
 
+#include "agent/agent_client.h"
+#include "agent/agent_paths.h"
 #include "app/compare_view.h"
 #include "app/export_host.h"
 #include "app/export_sheet.h"
 #include "app/inspector_panel.h"
 #include "app/main_window.h"
+#include "app/menu_run_confirmation.h"
 #include "app/photo_document.h"
 #include "app/pixel_image.h"
 #include "app/progress_strip.h"
 #include "engine/dimension_resolver.h"
 #include "engine/resample_engine.h"
 #include "export/export_queue_store.h"
+#include "finder/finder_menu_store.h"
+#include "support/settings.h"
+#include "support/uuid.h"
 #include "fixtures.h"
 #include "model_fixtures.h"
 #include "test_support.h"
@@ -445,6 +453,51 @@ TEST_F(DesktopWindow, CompareViewGesturesKeepThePointUnderTheCursor) {
   saveScreenshot(window, "side-by-side-200");
   window.action("zoomFit")->trigger();
   EXPECT_TRUE(view->geometry().fits());
+}
+
+// A file-manager entry's first use waits for the person: agreeing delivers
+// the waiting request and remembers the entry; cancelling removes it.
+TEST_F(DesktopWindow, AMenuEntrysFirstUseIsConfirmedInTheWindowOrDropped) {
+  MainWindow window;
+  window.show();
+  agent::AgentClient client(home.path());
+  const auto waiting = [&](const std::string& entry) {
+    agent::AgentRequest request;
+    request.job = makeUuid();
+    request.createdAt = std::chrono::system_clock::now();
+    request.sources.push_back({photo("m.png").string(), agent::AgentSourceKind::file});
+    client.write(request);
+    return agent::AgentURL::MenuConfirmation{request.job, entry};
+  };
+  // Answers the dialog the call shows, as a person would, and says what it read.
+  const auto answer = [](bool agree, QString* text) {
+    QTimer::singleShot(100, [agree, text] {
+      auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+      ASSERT_NE(box, nullptr);
+      *text = box->text() + "\n" + box->informativeText();
+      if (agree)
+        box->defaultButton()->click();
+      else
+        box->button(QMessageBox::Cancel)->click();
+    });
+  };
+
+  QString shown;
+  const auto first = waiting("enlarge-4");
+  answer(true, &shown);
+  EXPECT_EQ(confirmMenuRun(&window, first),
+            agent::AgentURL::runURL(agent::AgentURL::kScheme, first.jobID));
+  EXPECT_NE(shown.indexOf("Enlarge 4×"), -1) << shown.toStdString();
+  EXPECT_NE(shown.indexOf("1 photo"), -1) << shown.toStdString();
+  auto settings = Settings::loadDefault();
+  EXPECT_TRUE(finder::FinderMenuStore(settings, recipes::RecipeStore(home / "Recipes"))
+                  .isAcknowledged(finder::FinderIdentity::enlarge(4)));
+
+  const auto second = waiting("enlarge-8");
+  answer(false, &shown);
+  EXPECT_EQ(confirmMenuRun(&window, second), std::nullopt);
+  EXPECT_FALSE(fs::exists(agent::AgentPaths::inboxFile(second.jobID, home.path())));
+  EXPECT_EQ(confirmMenuRun(&window, second), std::nullopt) << "nothing waits any more";
 }
 
 }  // namespace

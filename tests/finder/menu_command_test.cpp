@@ -5,7 +5,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
+#include <thread>
+
 #include "finder/finder_menu_file.h"
+#include "finder/finder_menu_store.h"
+#include "fixtures.h"
+#include "support/settings.h"
 #include "test_support.h"
 
 namespace tarnbloom::finder {
@@ -69,6 +75,55 @@ TEST_F(MenuCommandTest, ChoosesRecipesPublishesThemAndDropsADeletedOne) {
   EXPECT_EQ(tarnbloom("menu integrations --remove", &output), 0) << output;
   EXPECT_FALSE(fs::exists(home / "data" / "kio" / "servicemenus" / "tarnbloom.desktop"));
   EXPECT_EQ(tarnbloom("menu frobnicate", &output), 1) << output;
+}
+
+// What a file manager's entry runs: an Enlarge entry someone confirmed
+// before exports with that entry's own settings, photos beside themselves
+// and a folder into a folder beside it; a recipe that is gone is refused
+// with the message the menu promises.
+TEST_F(MenuCommandTest, MenuRunExportsWithTheEntrysOwnSettings) {
+  const fs::path photos = home / "Photos";
+  fs::create_directories(photos / "Shoot");
+  std::vector<uint16_t> samples(48 * 32 * 3);
+  for (size_t i = 0; i < samples.size(); ++i) samples[i] = static_cast<uint16_t>(i * 7 % 256);
+  testing::writePng(photos / "a.png", 48, 32, 3, 8, samples);
+  testing::writePng(photos / "Shoot" / "b.png", 48, 32, 3, 8, samples);
+  {
+    auto settings = Settings::load(home / "State" / "settings.json");
+    FinderMenuStore store(settings, recipes::RecipeStore(home / "State" / "Recipes"));
+    auto options = store.enlargeOptions(2);
+    options.method = ResampleMethod::exact;
+    options.format = encoding::ExportFormat::jpeg;
+    options.formatFollowsSource = false;
+    store.setEnlargeOptions(options, 2);
+    store.acknowledge(FinderIdentity::enlarge(2));
+  }
+  std::string output;
+  ASSERT_EQ(tarnbloom("menu-run --entry enlarge-2 -- '" + (photos / "a.png").string() + "' '" +
+                          (photos / "Shoot").string() + "'",
+                      &output),
+            0)
+      << output;
+  const auto jpegsIn = [](const fs::path& folder) {
+    int count = 0;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(folder, error))
+      count += entry.path().extension() == ".jpg" ? 1 : 0;
+    return count;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < deadline &&
+         (jpegsIn(photos) < 1 || jpegsIn(photos / "Shoot (Enlarged)") < 1))
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(jpegsIn(photos), 1) << output;
+  EXPECT_EQ(jpegsIn(photos / "Shoot (Enlarged)"), 1);
+  EXPECT_EQ(jpegsIn(photos / "Shoot"), 0) << "a folder run never writes into the folder it reads";
+
+  EXPECT_EQ(tarnbloom("menu-run --entry recipe:no-such-recipe -- '" + (photos / "a.png").string() + "'",
+                      &output),
+            3);
+  EXPECT_NE(output.find(FinderMenuStore::kRemovedRecipeMessage), std::string::npos) << output;
+  EXPECT_EQ(tarnbloom("menu-run --entry enlarge-3 -- x.png", &output), 1) << output;
 }
 
 }  // namespace
