@@ -383,7 +383,8 @@ void updateNautilus(const fs::path& executable, const IntegrationFolders& folder
   const fs::path path = folders.nautilusExtension();
   const bool present = entryExists(path);
   if (present && !isOurs(path)) return notOurs(path, report);
-  if (scope == IntegrationScope::remove) return removeOwned(path, report);
+  if (scope == IntegrationScope::remove || entryExists(folders.systemNautilusExtension))
+    return removeOwned(path, report);
   if (scope == IntegrationScope::refreshOnly && !present) return;
   writeOwned(path, nautilusExtension(executable), 0644, report);
 }

@@ -21,6 +21,10 @@ namespace tarnbloom::finder {
 struct IntegrationFolders {
   std::filesystem::path dataHome;    // $XDG_DATA_HOME, else ~/.local/share
   std::filesystem::path configHome;  // $XDG_CONFIG_HOME, else ~/.config
+  // The Nautilus extension the package installs for everyone; while it is
+  // there a user's own copy would draw the submenu twice.
+  std::filesystem::path systemNautilusExtension =
+      "/usr/share/nautilus-python/extensions/tarnbloom_menu.py";
   // Throws FinderMenuError::containerUnavailable when there is no home
   // folder to put them in.
   static IntegrationFolders fromEnvironment();

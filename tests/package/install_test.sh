@@ -48,6 +48,7 @@ expected=(
   "$p/share/applications/com.tarnbloom.app.desktop" "$p/share/metainfo/com.tarnbloom.app.metainfo.xml"
   "$p/share/icons/hicolor/scalable/apps/com.tarnbloom.app.svg"
   "$p/share/man/man1/tarnbloom.1" "$p/share/man/man1/tarnbloom-app.1"
+  "$p/share/nautilus-python/extensions/tarnbloom_menu.py"
 )
 sizes=(16 32 48 64 128 256)
 for size in "${sizes[@]}"; do expected+=("$p/share/icons/hicolor/${size}x${size}/apps/com.tarnbloom.app.png"); done
