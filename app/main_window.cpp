@@ -12,6 +12,7 @@
 #include <QMimeData>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScreen>
 #include <QScrollArea>
 #include <QSplitter>
 #include <QStackedWidget>
@@ -696,7 +697,8 @@ void MainWindow::restoreLayout() {
   if (const auto geometry = settings.string(kGeometryKey))
     restoreGeometry(QByteArray::fromBase64(QByteArray::fromStdString(*geometry)));
   else
-    resize(1280, 820);
+    // A first launch fits the screen, however large its scale factor.
+    resize(QSize(1280, 820).boundedTo(screen()->availableGeometry().size() * 0.9));
   if (const auto state = settings.string(kSplitterKey))
     m_splitter->restoreState(QByteArray::fromBase64(QByteArray::fromStdString(*state)));
   else

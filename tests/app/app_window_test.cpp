@@ -8,6 +8,7 @@
 
 #include <QAction>
 #include <QLabel>
+#include <QPalette>
 #include <QMessageBox>
 #include <QTimer>
 #include <QPushButton>
@@ -453,6 +454,35 @@ TEST_F(DesktopWindow, CompareViewGesturesKeepThePointUnderTheCursor) {
   saveScreenshot(window, "side-by-side-200");
   window.action("zoomFit")->trigger();
   EXPECT_TRUE(view->geometry().fits());
+}
+
+// The system's dark theme reaches every part of the window, the compare
+// view's own painting included (screenshot: dark-theme.png).
+TEST_F(DesktopWindow, FollowsADarkTheme) {
+  const QPalette light = QApplication::palette();
+  QPalette dark;
+  dark.setColor(QPalette::Window, QColor(45, 45, 48));
+  dark.setColor(QPalette::WindowText, QColor(230, 230, 230));
+  dark.setColor(QPalette::Base, QColor(30, 30, 32));
+  dark.setColor(QPalette::Text, QColor(230, 230, 230));
+  dark.setColor(QPalette::Button, QColor(55, 55, 58));
+  dark.setColor(QPalette::ButtonText, QColor(230, 230, 230));
+  dark.setColor(QPalette::Mid, QColor(80, 80, 84));
+  dark.setColor(QPalette::PlaceholderText, QColor(150, 150, 150));
+  QApplication::setPalette(dark);
+  {
+    MainWindow window;
+    window.resize(1280, 800);
+    window.show();
+    window.openFiles({QString::fromStdString(photo("night.png", 200, 150).string())});
+    ASSERT_TRUE(waitFor([&] { return loaded(window); }));
+    ASSERT_TRUE(waitFor([&] { return window.activeView()->complete(); }));
+    saveScreenshot(window, "dark-theme");
+    // A corner of the compare view shows its background, not the photo.
+    const QImage view = window.activeView()->grab().toImage();
+    EXPECT_LT(qGray(view.pixel(4, view.height() - 4)), 80);
+  }
+  QApplication::setPalette(light);
 }
 
 // A file-manager entry's first use waits for the person: agreeing delivers
