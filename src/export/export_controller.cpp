@@ -490,6 +490,14 @@ void ExportController::readAndRender(const Run& shared) {
       run.size = job.options().resolvedSize(run.sourceWidth, run.sourceHeight,
                                             source.bitsPerComponent, run.format);
     }
+    // The plan admitted what the header said; the decoded source has the
+    // last word (an item planned without a header, a depth the header hid).
+    if (const auto refusal = memoryRefusal(run.sourceWidth, run.sourceHeight, run.size,
+                                           job.options(), run.format, source.bitsPerComponent)) {
+      run.end(ItemEnding::failed);
+      result.errorText = refusal->explanation;
+      return;
+    }
     run.claims =
         ClaimLaw::resolve(job.options().method, false, source.bitsPerComponent, run.format).codes;
 

@@ -164,18 +164,27 @@ SourceClassification classifySource(const SourceProbe& probe, bool accessible,
             "instead.");
     return result;
   }
-  if (exceedsMemoryAdmission(probe.width, probe.height, size.width, size.height, options.method,
-                             format, ExportMemoryShape::of(options, probe.bitDepth))) {
-    result.exception =
-        exception(Class::overCodecLimit, Cause::memoryLimit,
-                  "Enlarging " + sizeText(probe.width, probe.height) + " to " +
-                      sizeText(size.width, size.height) +
-                      " needs more memory than this batch allows. Choose a smaller enlargement — a "
-                      "different output format will not help.");
+  if (auto refusal =
+          memoryRefusal(probe.width, probe.height, size, options, format, probe.bitDepth)) {
+    result.exception = std::move(refusal);
     return result;
   }
   result.size = size;
   return result;
+}
+
+std::optional<PreflightException> memoryRefusal(int64_t sourceWidth, int64_t sourceHeight,
+                                                const ResolvedSize& size,
+                                                const ExportOptions& options,
+                                                encoding::ExportFormat format, int sourceBitDepth) {
+  if (!exceedsMemoryAdmission(sourceWidth, sourceHeight, size.width, size.height, options.method,
+                              format, ExportMemoryShape::of(options, sourceBitDepth)))
+    return std::nullopt;
+  return exception(PreflightExceptionClass::overCodecLimit, PreflightCause::memoryLimit,
+                   "Enlarging " + sizeText(sourceWidth, sourceHeight) + " to " +
+                       sizeText(size.width, size.height) +
+                       " needs more memory than this batch allows. Choose a smaller enlargement — "
+                       "a different output format will not help.");
 }
 
 ExportMemoryShape ExportMemoryShape::of(const ExportOptions& options, int sourceBitDepth) {
@@ -197,32 +206,54 @@ struct PeakModel {
   double outputSampleBytes = 3, sourceSampleBytes = 3;
 };
 
-// The program and its libraries. The constants below were measured with
-// bench/memory_admission_bench.sh (peak RSS of real exports).
-constexpr double kBaseBytes = 8.0 * (1 << 20);
-// Streamed exports also keep some rows of the output's width: the
-// encoder's rows, the converter's and the resampler's per thread.
-constexpr double kStreamedBytesPerColumn = 1370;
-// PNG deflates a few pieces of rows per thread at a time, each with its
-// filtered rows and room for its compressed bytes.
-constexpr double kPNGBytesPerColumnAndThread = 700;
+// The constants below were measured with bench/memory_admission_bench.sh
+// (peak RSS of real exports of photos; see the table it prints).
+// The program, its libraries and the decoder helper's reply: the peak of
+// an export of a few pixels.
+constexpr double kBaseBytes = 18.0 * (1 << 20);
+// The Enhance network's weights and the layers of a tile, which its
+// allocator keeps for the next tile.
+constexpr double kNetworkBytes = 96e6;
 // Clarity's float band and planes per pixel of a band with its context.
-constexpr double kClarityBytesPerBandPixel = 37;
+constexpr double kClarityBytesPerBandPixel = 34;
+// PNG cuts its image data into pieces of this many filtered bytes and
+// deflates two per thread at a time: each finished piece keeps room for
+// its deflated bytes until the group is written, the pieces still running
+// hold their filtered rows, and one piece's rows carry over between bands.
+constexpr double kPNGPieceBytes = 4 << 20;
 
-// Encoder working bytes per output pixel for formats that take the whole
-// picture: their own converted copies of it, and the file they build.
-double wholeEncoderBytesPerPixel(encoding::ExportFormat format, bool jpegCeiling) {
+double pngScratch(int threads) { return (3.0 * std::max(1, threads) + 1) * kPNGPieceBytes; }
+// What stays of them while the next band renders: the carried piece, and
+// about three and a half pieces in each worker thread's own heap (a trim
+// gives back only the freed pages inside a heap, not its top).
+double pngKept(int threads) { return (1 + 3.5 * (std::max(1, threads) - 1)) * kPNGPieceBytes; }
+
+// What an encoder holds besides the picture it is given. Formats that take
+// the whole picture make their own converted copies of it (HEIC and AVIF:
+// YCbCr planes, the encoder's padded frames and analysis, per pixel) and
+// a fixed set of buffers (thread pools, lookahead); the file they build is
+// held too. The row writers hold only the file when they write to memory.
+struct EncoderCost {
+  double fixed = 0, perPixel = 0;
+};
+
+EncoderCost wholeEncoderCost(encoding::ExportFormat format, bool jpegCeiling, int threads) {
   switch (format) {
     case encoding::ExportFormat::webp:
-      return 7.5;
+      return {0, 7.5};
     case encoding::ExportFormat::heic:
-      return 20;
+      return {23e6, 18.4};
     case encoding::ExportFormat::avif:
-      return 23;
+      return {11e6, 21.4};
+    case encoding::ExportFormat::png:
+      return {pngScratch(threads), 1};
     case encoding::ExportFormat::jpeg:
-      return jpegCeiling ? 2 : 1;
+      // The file: a fraction of a byte per pixel for an enlarged photo. A
+      // byte ceiling keeps the best file so far besides the one being
+      // tried and the one joined from its blocks.
+      return {0, jpegCeiling ? 0.6 : 0.3};
     default:
-      return 1;
+      return {0, 1};
   }
 }
 
@@ -244,8 +275,8 @@ Band band(const PeakModel& m, ResampleMethod method, bool fractional) {
     // the band.
     const double scale = std::max(m.scaleX, m.scaleY);
     const double context = ResampleEngine::margin(method, scale) * std::max(m.scaleY, 1.0);
-    b.working = std::min(m.outputHeight, b.rows + 2 * context) * m.outputWidth *
-                kClarityBytesPerBandPixel;
+    b.working =
+        std::min(m.outputHeight, b.rows + 2 * context) * m.outputWidth * kClarityBytesPerBandPixel;
   } else {
     // The horizontal pass keeps the band's source rows at the output's
     // width, and the source rows it reads in floats at the source's width.
@@ -267,35 +298,49 @@ double peakBytes(const PeakModel& m, ResampleMethod method, encoding::ExportForm
                  const ExportMemoryShape& shape, bool fractional) {
   const double sourceBitmap = m.source * m.sourceSampleBytes;
   const double linearSource = method == ResampleMethod::exact ? 0 : m.source * 16;
-  const double encoderPerPixel = wholeEncoderBytesPerPixel(format, shape.jpegSizeCeiling);
+  const EncoderCost encoder = wholeEncoderCost(format, shape.jpegSizeCeiling, shape.threads);
   if (method == ResampleMethod::estimate) {
-    // The network's input and estimate at ×4 of the source (8-bit RGBA),
-    // then at the output size its estimate, the Exact render and their
-    // blend, besides the output picture and its file.
-    const double network = m.source * 4 * (1 + 16);
-    const double cache = m.output * 4 * 3;
-    return kBaseBytes + sourceBitmap + linearSource + std::max(network, cache) +
-           m.output * (m.outputSampleBytes + encoderPerPixel);
+    // The network's estimate is ×4 of the source (8-bit RGBA). Any other
+    // output size resizes it from a float copy, whose horizontal pass holds
+    // all the estimate's rows at the output's width, into the output.
+    const double estimate = m.source * 16;
+    double resize = 0;
+    if (estimate != m.output)
+      resize = estimate * (4 + 16) + 4 * m.sourceHeight * m.outputWidth * 16 + m.output * 4;
+    // Then at the output size the estimate, the Exact render and their
+    // blend (8-bit RGBA), besides the output picture and the encoder.
+    const double blend =
+        m.output * (4 * 3 + m.outputSampleBytes + encoder.perPixel) + encoder.fixed;
+    return kBaseBytes + kNetworkBytes + sourceBitmap + std::max(resize, blend);
   }
   const Band b = band(m, method, fractional);
   if (streamsToDisk(method, format, shape)) {
-    double rows = kStreamedBytesPerColumn * m.outputWidth;
-    if (format == encoding::ExportFormat::png)
-      rows += std::min(b.converted,
-                       kPNGBytesPerColumnAndThread * std::max(1, shape.threads) * m.outputWidth);
-    return kBaseBytes + sourceBitmap + linearSource + b.converted + b.working + rows;
+    // The band's float buffers are given back before the encoder takes the
+    // band (export_render trims between the two), so the render and the
+    // encoder do not add up; JPEG's and TIFF's own rows are too few to matter.
+    // Between bands the heaps may keep some freed memory (export_render
+    // gives it back past kBandHeapSlackBytes).
+    const bool png = format == encoding::ExportFormat::png;
+    const bool bands = b.rows < m.outputHeight;
+    const double render = b.working + (png && bands ? pngKept(shape.threads) : 0);
+    const double encode = png ? pngScratch(shape.threads) : 0;
+    const double kept = bands ? static_cast<double>(kBandHeapSlackBytes) : 0;
+    return kBaseBytes + sourceBitmap + linearSource + b.converted + std::max(render, encode) + kept;
   }
-  // Held whole: the render converts into the picture band by band; then
-  // the encoder (and a canvas) work from it once the source is gone.
+  // Held whole: the render converts into the picture band by band; once the
+  // source is gone a canvas is composed from it, and the encoder then
+  // works from the composed picture alone.
   const double picture = m.output * m.outputSampleBytes;
   const double render = sourceBitmap + linearSource + b.working + picture;
-  double canvas = 0;
-  if (shape.canvas)
-    canvas = static_cast<double>(shape.canvas->first) * static_cast<double>(shape.canvas->second) *
-             m.outputSampleBytes;
-  const double encodedPixels = shape.canvas ? canvas / m.outputSampleBytes : m.output;
-  const double encode = picture + canvas + encodedPixels * encoderPerPixel;
-  return kBaseBytes + std::max(render, encode);
+  double composed = picture, compose = 0;
+  if (shape.canvas) {
+    composed = static_cast<double>(shape.canvas->first) *
+               static_cast<double>(shape.canvas->second) * m.outputSampleBytes;
+    compose = picture + composed;
+  }
+  const double encode =
+      composed + encoder.fixed + composed / m.outputSampleBytes * encoder.perPixel;
+  return kBaseBytes + std::max({render, compose, encode});
 }
 
 }  // namespace

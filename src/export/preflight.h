@@ -74,13 +74,16 @@ struct ExportMemoryShape {
   static ExportMemoryShape of(const ExportOptions& options, int sourceBitDepth);
 };
 
-// The peak memory of one export in bytes, by the path it takes:
+// The peak memory of one export in bytes (the process's peak resident
+// size), by the path it takes:
 // - Exact or Clarity to JPEG (no byte ceiling), PNG or TIFF without a
-//   canvas: the source and one band of output rows; the file goes to disk
-//   as it is written. Exact converts only the source rows a band reads;
-//   Clarity holds the source in linear light;
-// - WebP, HEIC, AVIF, a JPEG byte ceiling or a canvas: the whole output
-//   picture besides the render, then the encoder's own copy of it;
+//   canvas: the source and one band of output rows, then either the band's
+//   render or the encoder's pieces; the file goes to disk as it is
+//   written. Exact converts only the source rows a band reads; Clarity
+//   holds the source in linear light;
+// - WebP, HEIC, AVIF, a JPEG byte ceiling or a canvas: the largest of the
+//   render into the whole picture, the canvas composed from it, and the
+//   encoder working from the composed picture;
 // - Enhance: the network's estimate, the Exact render and their blend at
 //   the output size, besides the picture itself.
 // Any side below 1 gives 0. Saturates instead of overflowing.
@@ -89,8 +92,19 @@ int64_t estimatedPeakWorkingBytes(int64_t sourceWidth, int64_t sourceHeight, int
                                   encoding::ExportFormat format,
                                   const ExportMemoryShape& shape = {});
 inline constexpr int64_t kMemoryAdmissionBytes = 1'600'000'000;
+// Freed memory a banded render's heaps may keep before the export gives it
+// back; the estimate of a render in several bands allows for it.
+inline constexpr int64_t kBandHeapSlackBytes = int64_t{16} << 20;
 bool exceedsMemoryAdmission(int64_t sourceWidth, int64_t sourceHeight, int64_t outputWidth,
                             int64_t outputHeight, ResampleMethod method,
                             encoding::ExportFormat format, const ExportMemoryShape& shape = {});
+
+// The refusal of an export whose estimate is over the ceiling, for the
+// planner and for an export that learns its size only from the decoder:
+// both turn it away with these words before anything is rendered.
+std::optional<PreflightException> memoryRefusal(int64_t sourceWidth, int64_t sourceHeight,
+                                                const ResolvedSize& size,
+                                                const ExportOptions& options,
+                                                encoding::ExportFormat format, int sourceBitDepth);
 
 }  // namespace tarnbloom::exporting

@@ -191,6 +191,23 @@ TEST_F(ControllerFixture, APlanWithTheSidesSwappedIsRefused) {
       "swapped, so it was not exported.");
 }
 
+// An item the plan could not size (its header unread) learns its size from
+// the decoder; memory admission must still turn it away before it renders
+// a HEIC held whole at 108 megapixels.
+TEST_F(ControllerFixture, AnUnplannedItemOverTheMemoryCeilingIsRefusedBeforeItRenders) {
+  start();
+  const JobReport report = runJob([&] {
+    Submission unplanned = submission({source}, out);
+    unplanned.description.options.format = encoding::ExportFormat::heic;
+    unplanned.description.options.sizeMode = SizeMode::width;
+    unplanned.description.options.sizeValue = 12000;
+    controller->submit(std::move(unplanned));
+  });
+  expectFailedLeavingNothing(report, out,
+                             "Enlarging 160 × 120 to 12,000 × 9,000 needs more memory than this "
+                             "batch allows.");
+}
+
 TEST_F(ControllerFixture, ACrashAfterPublicationIsCountedDoneAtTheNextLaunch) {
   ExportDependencies dependencies;
   dependencies.hooks.afterPublished = [] { throw ExportInterrupted{}; };
