@@ -31,6 +31,7 @@
 #include "app/menu_run_confirmation.h"
 #include "app/photo_document.h"
 #include "app/progress_strip.h"
+#include "app/update_checker.h"
 #include "engine/estimate_error.h"
 #include "engine/render_progress_model.h"
 #include "support/settings.h"
@@ -130,6 +131,8 @@ MainWindow::MainWindow(QWidget* parent) : QMainWindow(parent) {
   auto* leftLayout = new QVBoxLayout(left);
   leftLayout->setContentsMargins(0, 0, 0, 0);
   leftLayout->setSpacing(0);
+  m_updates = new UpdateChecker(QStringLiteral(TARNBLOOM_VERSION), this);
+  leftLayout->addWidget(new UpdateBar(*m_updates));
   leftLayout->addWidget(m_stack, 1);
   leftLayout->addWidget(m_progress);
 
@@ -572,7 +575,10 @@ void MainWindow::exportActive() {
     QMessageBox::warning(this, QStringLiteral("Nothing was exported"), refusals.join("\n"));
 }
 
-void MainWindow::startExports() { m_link->claim(); }
+void MainWindow::startExports() {
+  m_link->claim();
+  m_updates->start();
+}
 
 void MainWindow::connectInstance() {
   m_notifier = new DesktopNotifier(this);

@@ -28,6 +28,7 @@ class InstanceLink;
 class InspectorPanel;
 class PhotoDocument;
 class ProgressStrip;
+class UpdateChecker;
 
 // The document window: one tab per photo, the inspector beside them, the
 // export progress below. A wiring file: documents load themselves, the
@@ -56,6 +57,7 @@ class MainWindow : public QMainWindow {
   ExportHost& exportHost() { return *m_host; }
   QTabWidget* tabs() const { return m_tabs; }
   ProgressStrip* progressStrip() const { return m_progress; }
+  UpdateChecker* updates() const { return m_updates; }
   QAction* action(const QString& id) const;
   EstimateEngine& estimates() { return m_estimates; }
 
@@ -99,6 +101,7 @@ class MainWindow : public QMainWindow {
   std::unique_ptr<ExportHost> m_host;
   InstanceLink* m_link = nullptr;
   DesktopNotifier* m_notifier = nullptr;
+  UpdateChecker* m_updates = nullptr;
   // The last file each of the window's running jobs wrote.
   std::map<QString, QString> m_lastOutput;
   QSplitter* m_splitter = nullptr;
