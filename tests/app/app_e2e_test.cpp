@@ -23,17 +23,26 @@ using testing::runCommand;
 class XServer {
  public:
   XServer() {
-    for (int display = 90 + static_cast<int>(::getpid() % 50); display < 200 && !m_pid; ++display) {
-      if (fs::exists("/tmp/.X11-unix/X" + std::to_string(display))) continue;
-      std::string pid;
-      if (runCommand("Xvfb :" + std::to_string(display) +
-                         " -screen 0 1600x1000x24 -nolisten tcp >/dev/null 2>&1 & echo $!",
-                     &pid) != 0)
-        return;
-      m_pid = std::stoi(pid);
-      m_display = ":" + std::to_string(display);
-      if (!waitUntil([&] { return run("xdotool getdisplaygeometry") == 0; }, 10)) stop();
-    }
+    // Xvfb picks a free display itself and says which: two servers
+    // starting at once never race for one number.
+    const fs::path number = fs::temp_directory_path() / ("tarnbloom-xvfb-" + std::to_string(::getpid()));
+    std::string pid;
+    if (runCommand("Xvfb -displayfd 3 -screen 0 1600x1000x24 -nolisten tcp 3>'" + number.string() +
+                       "' >/dev/null 2>&1 & echo $!",
+                   &pid) != 0)
+      return;
+    m_pid = std::stoi(pid);
+    const auto announced = [&] {
+      std::error_code error;
+      if (!fs::exists(number, error)) return std::string();
+      const std::string text = testing::readText(number);
+      return !text.empty() && text.back() == '\n' ? text : std::string();
+    };
+    if (waitUntil([&] { return !announced().empty(); }, 10))
+      m_display = ":" + announced().substr(0, announced().size() - 1);
+    fs::remove(number);
+    if (m_display.empty() || !waitUntil([&] { return run("xdotool getdisplaygeometry") == 0; }, 10))
+      stop();
   }
   ~XServer() { stop(); }
   bool running() const { return m_pid != 0; }
@@ -113,9 +122,12 @@ TEST(DesktopApplication, ExportsAPhotoWithTheKeyboardAlone) {
   x.screenshot("e2e-export-sheet");
   x.run("xdotool key Return");
 
+  // The published file, not the hidden staging file it is written as first.
   const auto exported = [&] {
     for (const auto& file : testing::filesIn(photos.path()))
-      if (file != source && file.extension() != ".tarnbloomreceipt") return file;
+      if (file != source && file.extension() != ".tarnbloomreceipt" &&
+          file.filename().string().front() != '.')
+        return file;
     return fs::path();
   };
   ASSERT_TRUE(XServer::waitUntil([&] { return !exported().empty(); }, 60))
