@@ -224,11 +224,10 @@ TEST(FileManagerIntegrations, NautilusExtensionShowsEnlargeAloneForAMissingOrDam
   const IntegrationFolders folders{dir / "data", dir / "config"};
   writeIntegrations({}, "/opt/tarn \"bloom\"/tarnbloom", folders, IntegrationScope::install);
   const std::string probe =
-      "import importlib.util, sys\n"
-      "spec = importlib.util.spec_from_file_location('m', sys.argv[1])\n"
-      "m = importlib.util.module_from_spec(spec); spec.loader.exec_module(m)\n"
-      "print(m.TARNBLOOM)\n"
-      "for e in m.menu_entries(): print(e[0] + '|' + e[1])\n";
+      "import runpy, sys\n"
+      "m = runpy.run_path(sys.argv[1])\n"
+      "print(m['TARNBLOOM'])\n"
+      "for e in m['menu_entries'](): print(e[0] + '|' + e[1])\n";
   writeText(dir / "probe.py", probe);
   fs::create_directories(dir / "Group");
   const auto entries = [&](const std::string& menuFile) {
