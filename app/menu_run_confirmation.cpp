@@ -6,7 +6,6 @@
 #include "agent/agent_paths.h"
 #include "agent/agent_protocol.h"
 #include "agent/agent_request.h"
-#include "engine/estimate_engine.h"
 #include "finder/finder_identity.h"
 #include "finder/finder_menu_store.h"
 #include "support/files.h"
@@ -34,9 +33,7 @@ std::pair<QString, QString> describeEntry(const finder::FinderIdentity& entry,
     return {QStringLiteral("Enlarge %1×").arg(entry.scale()),
             qs(options.sizeLabel() + " · " + std::string(title(options.method)) + " · " + format)};
   }
-  recipes::AvailableMethods methods = {"exact", "clarity"};
-  if (EstimateEngine::configuredURL()) methods.insert("estimate");
-  for (const auto& found : library().entries(methods))
+  for (const auto& found : library().entries(recipes::installedMethods()))
     if (found.draft && found.draft->id == entry.recipeID())
       return {qs(found.draft->name), qs(finder::menuSummary(*found.draft))};
   return {};

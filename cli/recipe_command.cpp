@@ -139,11 +139,7 @@ int save(const std::vector<std::string>& arguments) {
 
 }  // namespace
 
-recipes::AvailableMethods availableMethods() {
-  recipes::AvailableMethods methods = {"exact", "clarity"};
-  if (EstimateEngine::configuredURL()) methods.insert("estimate");
-  return methods;
-}
+recipes::AvailableMethods availableMethods() { return recipes::installedMethods(); }
 
 RecipeStore recipeLibrary() { return RecipeStore(stateFolder() / "Recipes"); }
 

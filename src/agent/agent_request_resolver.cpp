@@ -145,12 +145,6 @@ std::optional<std::string> unattendedRefusal(const recipes::RecipeStore::Library
   return std::nullopt;
 }
 
-recipes::AvailableMethods installedMethods() {
-  recipes::AvailableMethods methods = {"exact", "clarity"};
-  if (EstimateEngine::configuredURL()) methods.insert("estimate");
-  return methods;
-}
-
 // One resolution: the request, what the sources turned out to be, and the
 // plan as it grows.
 class Resolution {
@@ -552,7 +546,7 @@ AgentResolverEnvironment AgentResolverEnvironment::live(const fs::path& stateFol
   environment.now = std::chrono::system_clock::now();
   environment.savedOptions = exporting::ExportOptions::saved(Settings::load(settingsFilePath()));
   environment.recipeEntries =
-      recipes::RecipeStore(stateFolder / "Recipes").entries(installedMethods());
+      recipes::RecipeStore(stateFolder / "Recipes").entries(recipes::installedMethods());
   environment.reservedOutputs = std::move(reservedOutputs);
   return environment;
 }

@@ -100,6 +100,12 @@ std::optional<RecipeStore::LibraryEntry> readEntry(const fs::path& path,
 // ---------------------------------------------------------------------------
 // RecipeOutputDraft
 
+AvailableMethods installedMethods() {
+  AvailableMethods methods = {"exact", "clarity"};
+  if (EstimateEngine::configuredURL()) methods.insert("estimate");
+  return methods;
+}
+
 Recipe::Model RecipeOutputDraft::installedEstimateModel() {
   return {EstimateEngine::modelName, EstimateEngine::modelVersion};
 }

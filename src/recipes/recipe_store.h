@@ -21,6 +21,10 @@
 
 namespace tarnbloom::recipes {
 
+// The methods this computer can run: Exact and Clarity, and Enhance when
+// its model is installed.
+AvailableMethods installedMethods();
+
 // One output of a recipe as the recipe editor's controls hold it: typed
 // settings instead of the document's strings.
 struct RecipeOutputDraft {
