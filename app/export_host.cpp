@@ -178,6 +178,11 @@ QStringList ExportHost::submit(const fs::path& source, const ExportRequest& requ
   } catch (const Error& error) {
     return {qs(error.description())};
   }
+  return submitPlan(std::move(plan));
+}
+
+QStringList ExportHost::submitPlan(ExportPlan plan) {
+  if (!m_controller) return {m_blocked};
   QStringList refusals;
   for (const auto& refusal : plan.refusals)
     refusals << qs(refusal.source.filename().string() + ": " + refusal.text);
@@ -188,6 +193,11 @@ QStringList ExportHost::submit(const fs::path& source, const ExportRequest& requ
     refusals << qs(error.description());
   }
   return refusals;
+}
+
+std::set<fs::path> ExportHost::reservedOutputs() const {
+  if (!m_controller) return {};
+  return m_controller->reservedOutputs();
 }
 
 void ExportHost::stop() {

@@ -15,6 +15,7 @@
 #include "engine/estimate_engine.h"
 #include "export/export_controller.h"
 #include "export/export_job.h"
+#include "export/export_planner.h"
 #include "export/state_folder_lock.h"
 #include <QMetaType>
 
@@ -82,6 +83,13 @@ class ExportHost : public QObject {
   // Plans one source and submits it. Returns the refusal texts
   // ("photo.jpg: …") when nothing was submitted; empty on success.
   QStringList submit(const std::filesystem::path& source, const ExportRequest& request);
+  // Submits a plan made elsewhere (a folder batch, one output of a recipe)
+  // as one window job. Returns its refusals as submit() does, plus the
+  // controller's refusal when nothing could be queued.
+  QStringList submitPlan(exporting::ExportPlan plan);
+  // Names the unfinished exports hold, for a planner working outside the
+  // host; empty before the host is ready.
+  std::set<std::filesystem::path> reservedOutputs() const;
   void stop();
   // Whether the window submitted this job (not an agent or a file manager).
   bool isWindowJob(const QString& jobID) const { return m_windowJobs.count(jobID.toStdString()) > 0; }
