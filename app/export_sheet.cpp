@@ -200,16 +200,10 @@ void ExportSheet::refresh() {
   // A newly chosen format starts from the quality saved for it.
   if (!m_shownFormat || *m_shownFormat != format) {
     m_shownFormat = format;
-    m_quality->setValue(
-        format == ExportFormat::jpeg ? m_initial.options.jpeg.quality
-        : format == ExportFormat::webp
-            ? static_cast<int>(std::lround(m_initial.options.webp.lossyQuality))
-            : m_initial.options.heifQuality.value_or(encoding::kImageWriterLossyQuality));
+    m_quality->setValue(lossyQuality(m_initial.options, format));
   }
   const ExportRequest r = request();
-  const bool lossy = format == ExportFormat::jpeg || format == ExportFormat::webp ||
-                     format == ExportFormat::avif || format == ExportFormat::heic;
-  m_quality->setEnabled(lossy);
+  m_quality->setEnabled(isLossy(format));
   m_ceiling->setEnabled(format == ExportFormat::jpeg);
   QString problem;
   try {

@@ -27,20 +27,6 @@ QDoubleSpinBox* pixelSpin(const QString& name) {
   return spin;
 }
 
-// The quality a format is written at, as the one spin box shows it.
-int qualityOf(const exporting::ExportOptions& o) {
-  switch (o.format) {
-    case ExportFormat::jpeg:
-      return o.jpeg.quality;
-    case ExportFormat::webp:
-      return static_cast<int>(std::lround(o.webp.lossyQuality));
-    case ExportFormat::avif:
-    case ExportFormat::heic:
-      return o.heifQuality.value_or(encoding::kImageWriterLossyQuality);
-    default:
-      return 100;
-  }
-}
 
 }  // namespace
 
@@ -192,7 +178,7 @@ void InspectorPanel::showOptions(const exporting::ExportOptions& options,
   m_strength->setValue(static_cast<int>(std::lround(options.estimateStrength * 100)));
   m_format->setCurrentIndex(
       m_format->findData(options.formatFollowsSource ? -1 : static_cast<int>(options.format)));
-  m_quality->setValue(qualityOf(options));
+  m_quality->setValue(lossyQuality(options, options.format));
   m_policy.show(options.colourPolicy);
   updateVisibility();
   m_resolved->setText(state.size ? QString::fromStdString(state.sizeText) : QStringLiteral("—"));

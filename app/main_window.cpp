@@ -20,6 +20,7 @@
 #include <QTabWidget>
 #include <QTimer>
 #include <QVBoxLayout>
+#include <QtConcurrent/QtConcurrentRun>
 
 #include "agent/agent_host.h"
 #include "agent/agent_url.h"
@@ -29,11 +30,13 @@
 #include "app/inspector_panel.h"
 #include "app/instance_link.h"
 #include "app/menu_run_confirmation.h"
+#include "app/menu_settings_dialog.h"
 #include "app/photo_document.h"
 #include "app/progress_strip.h"
 #include "app/update_checker.h"
 #include "engine/estimate_error.h"
 #include "engine/render_progress_model.h"
+#include "finder/finder_menu_publisher.h"
 #include "support/settings.h"
 #include "support/state_paths.h"
 
@@ -260,6 +263,8 @@ void MainWindow::buildActions() {
           &QAction::triggered, this, [this] {
             showInFolder(qs((m_host->context().receiptsFolder / "").string()));
           });
+  connect(addAction("menuSettings", QStringLiteral("File Manager Menu…"), QKeySequence()),
+          &QAction::triggered, this, &MainWindow::showMenuSettings);
   connect(addAction("quit", QStringLiteral("Quit"), QKeySequence::Quit), &QAction::triggered, this,
           &QWidget::close);
 
@@ -340,6 +345,8 @@ void MainWindow::buildMenus() {
   QMenu* window = menuBar()->addMenu(QStringLiteral("&Window"));
   window->addAction(action("nextTab"));
   window->addAction(action("previousTab"));
+  window->addSeparator();
+  window->addAction(action("menuSettings"));
 }
 
 PhotoDocument* MainWindow::activeDocument() const {
@@ -578,6 +585,22 @@ void MainWindow::exportActive() {
 void MainWindow::startExports() {
   m_link->claim();
   m_updates->start();
+  // A menu file another program damaged, or one naming a recipe deleted
+  // while nothing ran, is put right at launch rather than at the next
+  // change. Off the GUI thread: it reads the whole recipe library.
+  (void)QtConcurrent::run([tool = commandLineTool()] {
+    for (const auto& problem : finder::republishFinderMenu(tool))
+      qWarning("tarnbloom-app: %s", problem.c_str());
+  });
+}
+
+std::filesystem::path MainWindow::commandLineTool() {
+  return finder::commandLineToolBeside(QCoreApplication::applicationFilePath().toStdString());
+}
+
+void MainWindow::showMenuSettings() {
+  MenuSettingsDialog dialog([this] { return m_inspector->options(); }, commandLineTool(), this);
+  dialog.exec();
 }
 
 void MainWindow::connectInstance() {

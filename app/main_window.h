@@ -83,6 +83,9 @@ class MainWindow : public QMainWindow {
   void updateActions();
   void updateTitle();
   void exportActive();
+  void showMenuSettings();
+  // The `tarnbloom` tool the file manager's entries run.
+  static std::filesystem::path commandLineTool();
   void askAboutInterruptedExports();
   void connectInstance();
   // A tarnbloom:// link from a launch or another process.

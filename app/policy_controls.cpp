@@ -1,5 +1,7 @@
 #include "app/policy_controls.h"
 
+#include <cmath>
+
 namespace tarnbloom::app {
 
 using encoding::MetadataToggle;
@@ -20,6 +22,26 @@ void setLossyQuality(exporting::ExportOptions& options, encoding::ExportFormat f
     default:
       break;
   }
+}
+
+int lossyQuality(const exporting::ExportOptions& options, encoding::ExportFormat format) {
+  switch (format) {
+    case encoding::ExportFormat::jpeg:
+      return options.jpeg.quality;
+    case encoding::ExportFormat::webp:
+      return static_cast<int>(std::lround(options.webp.lossyQuality));
+    case encoding::ExportFormat::avif:
+    case encoding::ExportFormat::heic:
+      return options.heifQuality.value_or(encoding::kImageWriterLossyQuality);
+    default:
+      return 100;
+  }
+}
+
+bool isLossy(encoding::ExportFormat format) {
+  using encoding::ExportFormat;
+  return format == ExportFormat::jpeg || format == ExportFormat::webp ||
+         format == ExportFormat::avif || format == ExportFormat::heic;
 }
 
 PolicyControls PolicyControls::make(bool shortLabels) {

@@ -27,6 +27,10 @@ W* named(W* widget, const QString& name) {
 // Sets the quality of the lossy format `format` (JPEG, WebP, HEIC, AVIF);
 // lossless formats have none.
 void setLossyQuality(exporting::ExportOptions& options, encoding::ExportFormat format, int quality);
+// The quality `format` is written at; 100 for a lossless format.
+int lossyQuality(const exporting::ExportOptions& options, encoding::ExportFormat format);
+// Whether `format` has a quality to choose.
+bool isLossy(encoding::ExportFormat format);
 
 // The colour profile and metadata choices, made the same way wherever they
 // are offered (the inspector, the export sheet).

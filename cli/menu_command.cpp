@@ -9,6 +9,7 @@
 #include "cli/help_option.h"
 #include "cli/recipe_command.h"
 #include "finder/file_manager_integrations.h"
+#include "finder/finder_menu_publisher.h"
 #include "finder/finder_menu_store.h"
 #include "support/files.h"
 #include "support/settings.h"
@@ -42,13 +43,6 @@ void printError(const Error& error) {
 
 fs::path executablePath() { return fs::read_symlink("/proc/self/exe"); }
 
-// A state folder set apart with TARNBLOOM_HOME (a test, a cluster task)
-// publishes into its own container, and must not change the menus of the
-// desktop it runs on unless asked to.
-bool refreshesDesktopMenus() {
-  return !std::getenv("TARNBLOOM_HOME") || std::getenv("TARNBLOOM_MENU_CONTAINER");
-}
-
 void printReport(const finder::IntegrationReport& report) {
   for (const auto& path : report.written) std::cout << "Wrote " << path.string() << '\n';
   for (const auto& path : report.removed) std::cout << "Removed " << path.string() << '\n';
@@ -58,7 +52,7 @@ void printReport(const finder::IntegrationReport& report) {
 // Publishes the menu file, then the integrations in `scope`.
 int publish(const FinderMenuStore& store, finder::IntegrationScope scope) {
   const auto menu = store.publish();
-  if (scope == finder::IntegrationScope::refreshOnly && !refreshesDesktopMenus())
+  if (scope == finder::IntegrationScope::refreshOnly && !finder::refreshesDesktopMenus())
     return kExitSuccess;
   const auto report = finder::writeIntegrations(
       menu, executablePath(), finder::IntegrationFolders::fromEnvironment(), scope);
@@ -190,25 +184,8 @@ int runMenu(const std::vector<std::string>& arguments) {
 }
 
 void republishFinderMenu() {
-  try {
-    auto settings = Settings::loadDefault();
-    FinderMenuStore store(settings, recipeLibrary());
-    // Nobody who never used the menu gets a menu file from a recipe change.
-    if (store.orderedRecipeIDs().empty() &&
-        !entryExists(finder::finderMenuContainer() / finder::FinderMenuShared::fileName))
-      return;
-    const auto menu = store.publish();
-    if (!refreshesDesktopMenus()) return;
-    const auto report = finder::writeIntegrations(menu, executablePath(),
-                                                  finder::IntegrationFolders::fromEnvironment(),
-                                                  finder::IntegrationScope::refreshOnly);
-    for (const auto& problem : report.problems) std::cerr << "tarnbloom: " << problem << '\n';
-  } catch (const Error& error) {
-    std::cerr << "tarnbloom: the file manager menu was not updated: " << error.description()
-              << '\n';
-  } catch (const fs::filesystem_error& error) {
-    std::cerr << "tarnbloom: the file manager menu was not updated: " << error.what() << '\n';
-  }
+  for (const auto& problem : finder::republishFinderMenu(executablePath()))
+    std::cerr << "tarnbloom: " << problem << '\n';
 }
 
 }  // namespace tarnbloom::cli

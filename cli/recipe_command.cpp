@@ -141,7 +141,7 @@ int save(const std::vector<std::string>& arguments) {
 
 recipes::AvailableMethods availableMethods() { return recipes::installedMethods(); }
 
-RecipeStore recipeLibrary() { return RecipeStore(stateFolder() / "Recipes"); }
+RecipeStore recipeLibrary() { return RecipeStore::userLibrary(); }
 
 recipes::RecipeDraft findRecipe(const std::string& key) {
   return *RecipeStore::find(recipeLibrary().entries(availableMethods()), key).draft;

@@ -198,6 +198,8 @@ void FinderMenuStore::setEnlargeOptions(const exporting::ExportOptions& options,
   change(key, exporting::ExportOptionsSnapshot(options).json());
 }
 
+void FinderMenuStore::clearEnlargeOptions(int scale) { change(enlargeKey(scale), nullptr); }
+
 bool FinderMenuStore::hasCustomEnlargeOptions(int scale) const {
   return savedEnlargeOptions(scale).has_value();
 }

@@ -77,6 +77,8 @@ class FinderMenuStore {
   exporting::ExportOptions enlargeOptions(int scale) const;
   void setEnlargeOptions(const exporting::ExportOptions& options, int scale);
   bool hasCustomEnlargeOptions(int scale) const;
+  // Enlarge `scale`× follows the current export options again.
+  void clearEnlargeOptions(int scale);
 
   // The menu as the library has it now: the chosen recipes in order, less
   // those that no longer exist or cannot be read.

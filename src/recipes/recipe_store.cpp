@@ -14,6 +14,7 @@
 #include "support/files.h"
 #include "support/iso_time.h"
 #include "support/locale_numbers.h"
+#include "support/state_paths.h"
 #include "support/uuid.h"
 
 namespace tarnbloom::recipes {
@@ -325,6 +326,8 @@ fs::path RecipeStore::directory() const {
   if (error) throw FileError(m_directory, "create", error.value());
   return m_directory;
 }
+
+RecipeStore RecipeStore::userLibrary() { return RecipeStore(stateFolder() / "Recipes"); }
 
 fs::path RecipeStore::fileFor(std::string_view id) const {
   if (!isPlainFileName(id)) throw RecipeError::invalid("its id cannot be used as a file name");

@@ -121,6 +121,9 @@ class RecipeStore {
   // `directory`: the library folder, "Recipes" in the state folder for the
   // application; created, with its parents, when first needed.
   explicit RecipeStore(std::filesystem::path directory);
+  // The user's library: "Recipes" in the state folder, shared by the
+  // window, the command line and the file manager's menu.
+  static RecipeStore userLibrary();
 
   // Throws FileError when the folder cannot be created.
   std::filesystem::path directory() const;

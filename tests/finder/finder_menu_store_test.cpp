@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "finder/finder_menu_publisher.h"
 #include "finder_test_support.h"
 #include "support/settings.h"
 #include "test_support.h"
@@ -165,6 +166,36 @@ TEST_F(FinderMenuStoreTest, KeepsEntrySettingsPerIdentity) {
   EXPECT_FALSE(store.hasCustomEnlargeOptions(2)) << "a value that does not decode is none";
   EXPECT_EQ(store.enlargeOptions(2).format, encoding::ExportFormat::tiff);
   EXPECT_THROW(store.enlargeOptions(3), FinderMenuError);
+}
+
+// What the window does at launch and the command line after a recipe change.
+TEST(FinderMenuPublisher, PutsTheMenuFileRightOnlyForSomeoneWhoUsesTheMenu) {
+  TempDir home;
+  ScopedEnvironment state("TARNBLOOM_HOME", home.path().string());
+  ScopedEnvironment container("TARNBLOOM_MENU_CONTAINER", (home / "Group").string());
+  ScopedEnvironment data("XDG_DATA_HOME", (home / "data").string());
+  ScopedEnvironment config("XDG_CONFIG_HOME", (home / "config").string());
+  const fs::path menu = home / "Group" / "finder-menu.json";
+  const fs::path tool = home / "bin" / "tarnbloom";
+
+  EXPECT_TRUE(republishFinderMenu(tool).empty());
+  EXPECT_FALSE(fs::exists(menu)) << "nobody asked for a menu";
+
+  const auto library = recipes::RecipeStore::userLibrary();
+  library.save(recipeNamed("a", "Print"));
+  auto settings = Settings::loadDefault();
+  FinderMenuStore(settings, library).add("a");
+  fs::create_directories(menu.parent_path());
+  writeText(menu, R"({"version":1,"items":[{"id":"evil","title":"x\nExec=rm","summary":""}]})");
+  EXPECT_TRUE(republishFinderMenu(tool).empty());
+  auto published = FinderMenuFile::read(menu);
+  ASSERT_EQ(published.items.size(), 1u);
+  EXPECT_EQ(published.items[0].id, "a");
+
+  library.remove("a");
+  EXPECT_TRUE(republishFinderMenu(tool).empty());
+  EXPECT_TRUE(FinderMenuFile::read(menu).items.empty()) << "a deleted recipe leaves the menu";
+  EXPECT_FALSE(fs::exists(home / "data" / "kio")) << "only installed menus are refreshed";
 }
 
 }  // namespace
