@@ -47,7 +47,8 @@ expected=(
   "$p/bin/tarnbloom" "$p/bin/tarnbloom-app" "$p/lib/tarnbloom/tarnbloom-decode"
   "$p/share/applications/com.tarnbloom.app.desktop" "$p/share/metainfo/com.tarnbloom.app.metainfo.xml"
   "$p/share/icons/hicolor/scalable/apps/com.tarnbloom.app.svg"
-  "$p/share/man/man1/tarnbloom.1" "$p/share/man/man1/tarnbloom-app.1"
+  "$p/share/man/man1/tarnbloom.1.gz" "$p/share/man/man1/tarnbloom-app.1.gz"
+  "$p/share/doc/tarnbloom/copyright"
   "$p/share/nautilus-python/extensions/tarnbloom_menu.py"
 )
 sizes=(16 32 48 64 128 256)
@@ -70,9 +71,9 @@ for size in "${sizes[@]}"; do
   [ "$width" = "$size" ] && [ "$height" = "$size" ] || fail "$png is ${width}x$height, not ${size}x$size"
 done
 for page in tarnbloom tarnbloom-app; do
-  head -1 "$p/share/man/man1/$page.1" | grep -q "^\.TH " || fail "$page.1 is not a manual page"
+  zcat "$p/share/man/man1/$page.1.gz" | head -1 | grep -q "^\.TH " || fail "$page.1 is not a manual page"
   if command -v groff >/dev/null; then
-    groff -ww -z -man "$p/share/man/man1/$page.1" 2>"$tmp/groff.log" && [ ! -s "$tmp/groff.log" ] ||
+    zcat "$p/share/man/man1/$page.1.gz" | groff -ww -z -man 2>"$tmp/groff.log" && [ ! -s "$tmp/groff.log" ] ||
       { cat "$tmp/groff.log" >&2; fail "$page.1 is not clean roff"; }
   fi
 done
