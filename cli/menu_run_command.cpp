@@ -92,8 +92,11 @@ agent::AgentRequest requestFor(const FinderIdentity& entry, const FinderMenuStor
 
 // The jobs of one menu choice: the photos, saved beside themselves, and
 // the folders, saved to the entry's folder destination (all of them) or
-// each beside itself.
-std::vector<agent::AgentRequest> buildRequests(const Options& options, const FinderMenuStore& store) {
+// each beside itself. A selected item that is gone by now (moved or
+// deleted since the menu opened) goes to `missing`: one vanished item
+// must not refuse the rest of the selection.
+std::vector<agent::AgentRequest> buildRequests(const Options& options, const FinderMenuStore& store,
+                                               std::vector<fs::path>& missing) {
   const FinderIdentity& entry = *options.entry;
   std::vector<agent::AgentRequest> requests;
   agent::AgentRequest photos = requestFor(entry, store);
@@ -102,6 +105,12 @@ std::vector<agent::AgentRequest> buildRequests(const Options& options, const Fin
   for (const auto& path : options.paths) {
     std::error_code error;
     const std::string absolute = fs::absolute(path).lexically_normal().string();
+    // Only "no such file" counts as gone; any other error (a folder we may
+    // not read) is the instance's to report with its own reason.
+    if (fs::symlink_status(path, error).type() == fs::file_type::not_found) {
+      missing.push_back(absolute);
+      continue;
+    }
     if (!fs::is_directory(path, error)) {
       photos.sources.push_back({absolute, agent::AgentSourceKind::file});
       continue;
@@ -120,6 +129,15 @@ std::vector<agent::AgentRequest> buildRequests(const Options& options, const Fin
   if (together) requests.insert(requests.begin(), std::move(*together));
   if (!photos.sources.empty()) requests.insert(requests.begin(), std::move(photos));
   return requests;
+}
+
+// "“Shoot” is no longer there, so it was left out." or, for several,
+// "3 selected items are no longer there, so they were left out."
+std::string missingMessage(const std::vector<fs::path>& missing) {
+  if (missing.size() == 1)
+    return "“" + missing.front().filename().string() + "” is no longer there, so it was left out.";
+  return std::to_string(missing.size()) +
+         " selected items are no longer there, so they were left out.";
 }
 
 // The desktop application: beside this program once installed, in the
@@ -182,8 +200,16 @@ int run(const Options& options) {
       return kExitFailure;
     }
   }
-  int status = kExitSuccess;
-  for (const agent::AgentRequest& request : buildRequests(options, store)) {
+  std::vector<fs::path> missing;
+  const auto requests = buildRequests(options, store, missing);
+  int status = missing.empty() ? kExitSuccess : kExitPartial;
+  if (!missing.empty()) {
+    const std::string message = missingMessage(missing);
+    agent::sendDesktopNotification(message);
+    std::cerr << "tarnbloom menu-run: " << message << '\n';
+    if (requests.empty()) return kExitFailure;
+  }
+  for (const agent::AgentRequest& request : requests) {
     if (!store.isAcknowledged(entry)) {
       status = std::max(status, askInWindow(request, entry));
       continue;

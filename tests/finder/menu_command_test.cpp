@@ -119,6 +119,21 @@ TEST_F(MenuCommandTest, MenuRunExportsWithTheEntrysOwnSettings) {
   EXPECT_EQ(jpegsIn(photos / "Shoot (Enlarged)"), 1);
   EXPECT_EQ(jpegsIn(photos / "Shoot"), 0) << "a folder run never writes into the folder it reads";
 
+  // Something moved away since the menu opened leaves the rest of the
+  // selection to run.
+  EXPECT_EQ(tarnbloom("menu-run --entry enlarge-2 -- '" + (photos / "Gone").string() + "'", &output), 3);
+  EXPECT_NE(output.find("“Gone” is no longer there, so it was left out."), std::string::npos) << output;
+  output.clear();
+  EXPECT_EQ(tarnbloom("menu-run --entry enlarge-2 -- '" + (photos / "Gone").string() + "' '" +
+                          (photos / "a.png").string() + "'",
+                      &output),
+            2)
+      << output;
+  EXPECT_NE(output.find("“Gone” is no longer there"), std::string::npos) << output;
+  while (std::chrono::steady_clock::now() < deadline && jpegsIn(photos) < 2)
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(jpegsIn(photos), 2) << "the photo still ran";
+
   EXPECT_EQ(tarnbloom("menu-run --entry recipe:no-such-recipe -- '" + (photos / "a.png").string() + "'",
                       &output),
             3);
