@@ -1,10 +1,14 @@
 // Enhance inference speed: seconds per 256 × 256 tile of the real model
-// (set-up installs it in models/) in float32 and BF16, as a share of this
-// machine's float32 peak measured here by an FMA loop on every core, and
-// how far BF16 lands from float32. Ratios, not absolute times, compare
-// across machines. PyTorch's channels-last figure on the same weights is
-// the peer to beat (python3-torch, 2 threads): bench/estimate_vs_torch.sh
-// runs both and gives the ratios.
+// (set-up installs it in models/) with direct and Winograd convolution in
+// float32, run alternately in rounds (medians), and in BF16, as a share of
+// this machine's float32 peak measured here by an FMA loop on every core
+// (counted in direct-convolution operations, so Winograd may pass 100%),
+// and how far Winograd and BF16 land from direct float32 on real photo
+// tiles. Winograd outside 1/255 largest or 0.05/255 mean fails the run.
+// Ratios, not absolute times, compare across machines. PyTorch's
+// channels-last figure on the same weights is the peer to beat
+// (python3-torch, 2 threads): bench/estimate_vs_torch.sh runs both and
+// gives the ratios.
 //
 //   estimate_bench [MODEL.param [--dump DIR]]
 
@@ -60,6 +64,26 @@ __attribute__((target("avx512f,avx512bf16"))) double measurePeakGflops(bool bf16
   return best;
 }
 
+// How far two network outputs lie apart, in 8-bit levels of the clamped
+// result (what an export can show).
+struct Difference {
+  double largest = 0;
+  double mean = 0;
+};
+
+Difference differenceOf(const std::vector<float>& a, const std::vector<float>& b) {
+  Difference d;
+  double sum = 0;
+  for (size_t i = 0; i < a.size(); ++i) {
+    const double level =
+        std::abs(std::clamp(a[i], 0.0f, 1.0f) - std::clamp(b[i], 0.0f, 1.0f)) * 255;
+    d.largest = std::max(d.largest, level);
+    sum += level;
+  }
+  d.mean = sum / a.size();
+  return d;
+}
+
 int main(int argc, char** argv) {
   const std::string model =
       argc > 1 ? argv[1] : std::string(TARNBLOOM_SOURCE_DIR) + "/models/realesr-general-x4v3.param";
@@ -74,43 +98,93 @@ int main(int argc, char** argv) {
                 bf16Peak, bf16Peak / peak, tileGflop / bf16Peak);
   }
 
-  std::vector<float> input(3 * 256 * 256);
-  const bench::Photo photo = bench::scaledPhoto(bench::samplePhoto("rocket.jpg"), 256, 256, 0.0);
-  for (int c = 0; c < 3; ++c)
-    for (int i = 0; i < 256 * 256; ++i) input[c * 65536 + i] = photo.rgb[i * 3 + c] / 255.0f;
-  std::vector<float> fp32(3 * 1024 * 1024), bf16(fp32.size());
+  // Two real photo tiles: the whole photo scaled down (busy, many edges)
+  // and a crop at its own resolution (as the engine's tiles are).
+  const bench::Photo rocket = bench::samplePhoto("rocket.jpg");
+  const auto tileOf = [](const bench::Photo& photo, int left, int top) {
+    std::vector<float> tile(3 * 256 * 256);
+    for (int c = 0; c < 3; ++c)
+      for (int y = 0; y < 256; ++y)
+        for (int x = 0; x < 256; ++x)
+          tile[(c * 256 + y) * 256 + x] =
+              photo.rgb[(static_cast<size_t>(top + y) * photo.width + left + x) * 3 + c] / 255.0f;
+    return tile;
+  };
+  const std::vector<std::vector<float>> tiles = {
+      tileOf(bench::scaledPhoto(rocket, 256, 256, 0.0), 0, 0),
+      tileOf(rocket, std::max(0, rocket.width / 2 - 128), std::max(0, rocket.height / 2 - 128))};
+  const std::vector<float>& input = tiles[0];
+  std::vector<float> fp32(3 * 1024 * 1024), winograd(fp32.size()), bf16(fp32.size());
 
-  for (const auto precision :
-       {EstimateNetwork::Precision::fp32, EstimateNetwork::Precision::bf16}) {
-    if (precision == EstimateNetwork::Precision::bf16 && !EstimateNetwork::processorHasBf16()) {
-      std::printf("bf16: this processor has no native BF16\n");
-      continue;
+  using Convolution = EstimateNetwork::Convolution;
+  EstimateNetwork direct(network, 256, 256, 1, EstimateNetwork::Precision::fp32,
+                         Convolution::direct);
+  EstimateNetwork fast(network, 256, 256, 1, EstimateNetwork::Precision::fp32,
+                       Convolution::winograd);
+  if (fast.convolution() != Convolution::winograd)
+    std::printf("winograd: not available here, direct convolution runs instead\n");
+
+  // Accuracy first: a fast path that is wrong is not worth timing.
+  bool accurate = true;
+  for (size_t t = 0; t < tiles.size(); ++t) {
+    direct.infer(tiles[t].data(), fp32.data());
+    fast.infer(tiles[t].data(), winograd.data());
+    const Difference d = differenceOf(fp32, winograd);
+    const bool within = d.largest <= 1.0 && d.mean <= 0.05;
+    accurate = accurate && within;
+    std::printf(
+        "winograd against direct on photo tile %zu: largest %.3f/255, mean %.4f/255 (limit 1/255, "
+        "0.05/255)%s\n",
+        t + 1, d.largest, d.mean, within ? "" : "  OUT OF BOUNDS");
+  }
+  direct.infer(input.data(), fp32.data());
+  fast.infer(input.data(), winograd.data());
+
+  // Alternating rounds, the order swapped each round, so a neighbour's
+  // build or a clock change hits both paths alike.
+  const int rounds = 7;
+  std::vector<double> directTimes, winogradTimes, ratios;
+  for (int round = 0; round < rounds; ++round) {
+    double seconds[2];
+    for (int k = 0; k < 2; ++k) {
+      const int which = (round + k) % 2;
+      const auto start = std::chrono::steady_clock::now();
+      (which == 0 ? direct : fast).infer(input.data(), (which == 0 ? fp32 : winograd).data());
+      seconds[which] = bench::secondsSince(start);
     }
-    EstimateNetwork runner(network, 256, 256, 1, precision);
-    auto& out = precision == EstimateNetwork::Precision::fp32 ? fp32 : bf16;
-    runner.infer(input.data(), out.data());
-    double best = 1e9;
+    directTimes.push_back(seconds[0]);
+    winogradTimes.push_back(seconds[1]);
+    ratios.push_back(seconds[0] / seconds[1]);
+  }
+  const double directSeconds = bench::median(directTimes),
+               winogradSeconds = bench::median(winogradTimes);
+  const auto report = [&](const char* name, double seconds) {
+    std::printf("%s: %.3f s per tile, %.0f GFLOP/s, %.0f%% of the float32 peak\n", name, seconds,
+                tileGflop / seconds, 100 * tileGflop / seconds / peak);
+  };
+  report("fp32", directSeconds);
+  report("winograd", winogradSeconds);
+  std::printf(
+      "winograd is %.2fx direct (median of %d alternating rounds; median round ratio %.2fx)\n",
+      directSeconds / winogradSeconds, rounds, bench::median(ratios));
+
+  if (EstimateNetwork::processorHasBf16()) {
+    EstimateNetwork runner(network, 256, 256, 1, EstimateNetwork::Precision::bf16);
+    runner.infer(input.data(), bf16.data());
+    std::vector<double> times;
     for (int run = 0; run < 3; ++run) {
       const auto start = std::chrono::steady_clock::now();
-      runner.infer(input.data(), out.data());
-      best = std::min(best, bench::secondsSince(start));
+      runner.infer(input.data(), bf16.data());
+      times.push_back(bench::secondsSince(start));
     }
-    std::printf("%s: %.3f s per tile, %.0f GFLOP/s, %.0f%% of the float32 peak\n",
-                precision == EstimateNetwork::Precision::fp32 ? "fp32" : "bf16", best,
-                tileGflop / best, 100 * tileGflop / best / peak);
-  }
-  if (EstimateNetwork::processorHasBf16()) {
-    double worst = 0, sum = 0;
-    for (size_t i = 0; i < fp32.size(); ++i) {
-      const double d =
-          std::abs(std::clamp(fp32[i], 0.0f, 1.0f) - std::clamp(bf16[i], 0.0f, 1.0f)) * 255;
-      worst = std::max(worst, d);
-      sum += d;
-    }
+    report("bf16", bench::median(times));
+    const Difference d = differenceOf(fp32, bf16);
     std::printf(
         "bf16 against fp32 on a real photo tile: largest %.2f/255, mean %.3f/255 (limit for "
         "default use: 2/255)\n",
-        worst, sum / fp32.size());
+        d.largest, d.mean);
+  } else {
+    std::printf("bf16: this processor has no native BF16\n");
   }
   // For bench/estimate_vs_torch.sh: the tile and our float32 answer.
   if (argc > 3 && std::string(argv[2]) == "--dump") {
@@ -121,7 +195,12 @@ int main(int argc, char** argv) {
     };
     bench::writeFile(dump / "input.f32", bytesOf(input));
     bench::writeFile(dump / "fp32.f32", bytesOf(fp32));
+    bench::writeFile(dump / "winograd.f32", bytesOf(winograd));
   }
   std::printf("peak RSS %.0f MiB\n", bench::peakRssMiB());
+  if (!accurate) {
+    std::fprintf(stderr, "winograd: output outside the accuracy bounds of direct convolution\n");
+    return 1;
+  }
   return 0;
 }

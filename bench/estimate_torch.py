@@ -2,8 +2,9 @@
 """PyTorch's time for one 256 x 256 tile of the Enhance network, the peer
 our oneDNN inference is measured against. Reads the same ncnn model files,
 runs them with torch (2 threads) in channels-last and in NCHW, and, given
-the input tile and our float32 output (raw float32, planar RGB, written by
-`estimate_bench --dump DIR`), reports how far our output is from torch's.
+the input tile and our float32 outputs, direct and Winograd (raw float32,
+planar RGB, written by `estimate_bench --dump DIR`), reports how far they
+are from torch's.
 
 usage: estimate_torch.py MODEL.param DUMP_DIR
 """
@@ -74,7 +75,6 @@ def main():
     torch.set_num_threads(2)
     layers = read_model(param)
     tile = np.fromfile(f"{dump}/input.f32", np.float32).reshape(1, 3, 256, 256)
-    ours = np.fromfile(f"{dump}/fp32.f32", np.float32).reshape(3, 1024, 1024)
     results = {}
     with torch.inference_mode():
         for name, channels_last in (("channels-last", True), ("nchw", False)):
@@ -90,8 +90,10 @@ def main():
             results[name] = best
             print(f"torch {name}: {best:.3f} s per tile")
         theirs = out[0].contiguous().numpy()
-    diff = np.abs(np.clip(theirs, 0, 1) - np.clip(ours, 0, 1)) * 255
-    print(f"ours (fp32) against torch: largest {diff.max():.4f}/255, mean {diff.mean():.5f}/255")
+    for name in ("fp32", "winograd"):
+        ours = np.fromfile(f"{dump}/{name}.f32", np.float32).reshape(3, 1024, 1024)
+        diff = np.abs(np.clip(theirs, 0, 1) - np.clip(ours, 0, 1)) * 255
+        print(f"ours ({name}) against torch: largest {diff.max():.4f}/255, mean {diff.mean():.5f}/255")
     print(f"torch-best {min(results.values()):.4f}")
 
 

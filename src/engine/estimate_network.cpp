@@ -2,6 +2,7 @@
 
 #include <dnnl.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
@@ -22,8 +23,34 @@ struct Layer {
   memory bias;
   dnnl::prelu_forward prelu;  // in place on dst; absent for the last layer
   memory slopes;
+  // Slopes for preluBlocked(), padded to whole blocks; used instead of
+  // `prelu` when dst is in 16-channel blocks.
+  std::vector<float> blockSlopes;
   memory dst;
 };
+
+constexpr int kBlock = 16;
+
+// PReLU in place on activations laid out in 16-channel blocks (aBcd16b:
+// batch, channel block, row, column, 16 channels). oneDNN 2.6 has only its
+// reference implementation for that layout, which took six times as long
+// as the Winograd convolution before it.
+void preluBlocked(float* data, const std::vector<float>& slopes, int batch, int height, int width) {
+  const int blocks = static_cast<int>(slopes.size()) / kBlock;
+  const size_t row = static_cast<size_t>(width) * kBlock;
+#pragma omp parallel for collapse(3) schedule(static)
+  for (int b = 0; b < batch; ++b)
+    for (int block = 0; block < blocks; ++block)
+      for (int y = 0; y < height; ++y) {
+        float* p = data + ((static_cast<size_t>(b) * blocks + block) * height + y) * row;
+        const float* s = slopes.data() + block * kBlock;
+        // Written without a branch so that the compiler vectorises it; the
+        // result is the same to the bit as slope · x for x < 0, else x.
+        for (size_t i = 0; i < row; i += kBlock)
+          for (int l = 0; l < kBlock; ++l)
+            p[i + l] = std::max(p[i + l], 0.0f) + s[l] * std::min(p[i + l], 0.0f);
+      }
+}
 
 }  // namespace
 
@@ -39,6 +66,9 @@ struct EstimateNetwork::Impl {
   memory plainOutput;  // nchw f32 of the last convolution
   dnnl::reorder outputReorder;
   bool reorderOutput = false;
+
+  // Throws dnnl::error when oneDNN refuses a layer.
+  void build(const SrvggNetwork& network, Type activation, bool winograd);
 };
 
 bool EstimateNetwork::processorHasBf16() {
@@ -57,73 +87,102 @@ EstimateNetwork::Precision EstimateNetwork::defaultPrecision() {
 }
 
 EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int width, int batch,
-                                 Precision precision)
-    : m_impl(std::make_unique<Impl>()), m_precision(precision), m_upscale(network.upscale) {
+                                 Precision precision, Convolution convolution)
+    : m_impl(std::make_unique<Impl>()),
+      m_precision(precision),
+      m_convolution(precision == Precision::fp32 ? convolution : Convolution::direct),
+      m_upscale(network.upscale) {
   Impl& n = *m_impl;
   n.height = height;
   n.width = width;
   n.batch = batch;
   n.upscale = network.upscale;
   const Type activation = precision == Precision::bf16 ? Type::bf16 : Type::f32;
-  try {
-    n.userInput = memory({{batch, 3, height, width}, Type::f32, Tag::nchw}, n.engine);
-    memory::desc source({batch, 3, height, width}, activation, Tag::any);
-    memory spares[2];
-    for (size_t i = 0; i < network.convolutions.size(); ++i) {
-      const NetworkConvolution& conv = network.convolutions[i];
-      const bool last = i + 1 == network.convolutions.size();
-      const memory::dims dims = {batch, conv.outputChannels, height, width};
-      const memory::desc weightsAny({conv.outputChannels, conv.inputChannels, 3, 3}, activation, Tag::any);
-      const memory::desc biasDesc({conv.outputChannels}, Type::f32, Tag::a);
-      const memory::desc dstAny(dims, last ? Type::f32 : activation, Tag::any);
-      const dnnl::convolution_forward::desc desc(dnnl::prop_kind::forward_inference,
-                                                 dnnl::algorithm::convolution_direct, source, weightsAny,
-                                                 biasDesc, dstAny, {1, 1}, {1, 1}, {1, 1});
-      // PReLU runs as its own primitive in place: oneDNN 2.6 computes a
-      // convolution with a fused PReLU post-op only in its reference
-      // implementation, which is a hundred times slower.
-      const dnnl::convolution_forward::primitive_desc pd(desc, n.engine);
-
-      Layer layer;
-      layer.primitive = dnnl::convolution_forward(pd);
-      // Weights go once into the layout the kernel wants.
-      memory userWeights({{conv.outputChannels, conv.inputChannels, 3, 3}, Type::f32, Tag::oihw}, n.engine,
-                         const_cast<float*>(conv.weights.data()));
-      layer.weights = memory(pd.weights_desc(), n.engine);
-      dnnl::reorder(userWeights, layer.weights).execute(n.stream, userWeights, layer.weights);
-      layer.bias = memory(biasDesc, n.engine);
-      std::memcpy(layer.bias.get_data_handle(), conv.bias.data(), conv.bias.size() * sizeof(float));
-      // Activations alternate between two buffers: a layer reads the one
-      // its predecessor wrote. Holding one per layer would cost 16 MB each.
-      memory& spare = spares[i % 2];
-      if (!spare || spare.get_desc() != pd.dst_desc()) spare = memory(pd.dst_desc(), n.engine);
-      layer.dst = spare;
-      if (!conv.preluSlopes.empty()) {
-        const memory::desc slopesDesc({1, conv.outputChannels, 1, 1}, Type::f32, Tag::nchw);
-        const dnnl::prelu_forward::primitive_desc preluPd(
-            {dnnl::prop_kind::forward_inference, pd.dst_desc(), slopesDesc}, n.engine);
-        layer.prelu = dnnl::prelu_forward(preluPd);
-        layer.slopes = memory(preluPd.weights_desc(), n.engine);
-        memory userSlopes(slopesDesc, n.engine, const_cast<float*>(conv.preluSlopes.data()));
-        dnnl::reorder(userSlopes, layer.slopes).execute(n.stream, userSlopes, layer.slopes);
-      }
-      if (i == 0) {
-        n.netInput = memory(pd.src_desc(), n.engine);
-        n.reorderInput = pd.src_desc() != n.userInput.get_desc();
-        if (n.reorderInput) n.inputReorder = dnnl::reorder(n.userInput, n.netInput);
-      }
-      // The next layer reads this layer's output exactly as it is laid out.
-      source = pd.dst_desc();
-      n.layers.push_back(std::move(layer));
-      if (last) n.lastChannels = conv.outputChannels;
+  if (m_convolution == Convolution::winograd) {
+    try {
+      n.build(network, activation, true);
+      return;
+    } catch (const dnnl::error&) {
+      // oneDNN computes Winograd only on some processors (AVX-512) and
+      // shapes; direct convolution runs everywhere.
+      m_convolution = Convolution::direct;
     }
-    n.plainOutput = memory({{batch, n.lastChannels, height, width}, Type::f32, Tag::nchw}, n.engine);
-    n.reorderOutput = n.layers.back().dst.get_desc() != n.plainOutput.get_desc();
-    if (n.reorderOutput) n.outputReorder = dnnl::reorder(n.layers.back().dst, n.plainOutput);
-    n.stream.wait();
+  }
+  try {
+    n.build(network, activation, false);
   } catch (const dnnl::error& error) {
     throw EstimateError::modelFailed(std::string("the inference library refused the network: ") + error.what());
   }
+}
+
+void EstimateNetwork::Impl::build(const SrvggNetwork& network, Type activation, bool winograd) {
+  layers.clear();
+  userInput = memory({{batch, 3, height, width}, Type::f32, Tag::nchw}, engine);
+  memory::desc source({batch, 3, height, width}, activation, Tag::any);
+  memory spares[2];
+  for (size_t i = 0; i < network.convolutions.size(); ++i) {
+    const NetworkConvolution& conv = network.convolutions[i];
+    const bool last = i + 1 == network.convolutions.size();
+    const memory::dims dims = {batch, conv.outputChannels, height, width};
+    const memory::desc weightsAny({conv.outputChannels, conv.inputChannels, 3, 3}, activation, Tag::any);
+    const memory::desc biasDesc({conv.outputChannels}, Type::f32, Tag::a);
+    // Winograd layers read and write 16-channel blocks; the first layer
+    // must hand them that layout, since left to itself it writes
+    // channels-last. It stays direct: transforming three colour channels
+    // costs far more than the multiplications it would save.
+    const bool transformed = winograd && i > 0;
+    const Tag dstTag = winograd && !last ? Tag::aBcd16b : Tag::any;
+    const memory::desc dstDesc(dims, last ? Type::f32 : activation, dstTag);
+    const auto algorithm =
+        transformed ? dnnl::algorithm::convolution_winograd : dnnl::algorithm::convolution_direct;
+    const dnnl::convolution_forward::desc desc(dnnl::prop_kind::forward_inference, algorithm, source,
+                                               weightsAny, biasDesc, dstDesc, {1, 1}, {1, 1}, {1, 1});
+    // PReLU runs as its own step in place: oneDNN 2.6 computes a
+    // convolution with a fused PReLU post-op only in its reference
+    // implementation, which is a hundred times slower.
+    const dnnl::convolution_forward::primitive_desc pd(desc, engine);
+
+    Layer layer;
+    layer.primitive = dnnl::convolution_forward(pd);
+    // Weights go once into the layout the kernel wants (for Winograd,
+    // already transformed).
+    memory userWeights({{conv.outputChannels, conv.inputChannels, 3, 3}, Type::f32, Tag::oihw}, engine,
+                       const_cast<float*>(conv.weights.data()));
+    layer.weights = memory(pd.weights_desc(), engine);
+    dnnl::reorder(userWeights, layer.weights).execute(stream, userWeights, layer.weights);
+    layer.bias = memory(biasDesc, engine);
+    std::memcpy(layer.bias.get_data_handle(), conv.bias.data(), conv.bias.size() * sizeof(float));
+    // Activations alternate between two buffers: a layer reads the one
+    // its predecessor wrote. Holding one per layer would cost 16 MB each.
+    memory& spare = spares[i % 2];
+    if (!spare || spare.get_desc() != pd.dst_desc()) spare = memory(pd.dst_desc(), engine);
+    layer.dst = spare;
+    if (!conv.preluSlopes.empty() && dstTag == Tag::aBcd16b) {
+      layer.blockSlopes.assign((conv.outputChannels + kBlock - 1) / kBlock * kBlock, 0.0f);
+      std::copy(conv.preluSlopes.begin(), conv.preluSlopes.end(), layer.blockSlopes.begin());
+    } else if (!conv.preluSlopes.empty()) {
+      const memory::desc slopesDesc({1, conv.outputChannels, 1, 1}, Type::f32, Tag::nchw);
+      const dnnl::prelu_forward::primitive_desc preluPd(
+          {dnnl::prop_kind::forward_inference, pd.dst_desc(), slopesDesc}, engine);
+      layer.prelu = dnnl::prelu_forward(preluPd);
+      layer.slopes = memory(preluPd.weights_desc(), engine);
+      memory userSlopes(slopesDesc, engine, const_cast<float*>(conv.preluSlopes.data()));
+      dnnl::reorder(userSlopes, layer.slopes).execute(stream, userSlopes, layer.slopes);
+    }
+    if (i == 0) {
+      netInput = memory(pd.src_desc(), engine);
+      reorderInput = pd.src_desc() != userInput.get_desc();
+      if (reorderInput) inputReorder = dnnl::reorder(userInput, netInput);
+    }
+    // The next layer reads this layer's output exactly as it is laid out.
+    source = pd.dst_desc();
+    layers.push_back(std::move(layer));
+    if (last) lastChannels = conv.outputChannels;
+  }
+  plainOutput = memory({{batch, lastChannels, height, width}, Type::f32, Tag::nchw}, engine);
+  reorderOutput = layers.back().dst.get_desc() != plainOutput.get_desc();
+  if (reorderOutput) outputReorder = dnnl::reorder(layers.back().dst, plainOutput);
+  stream.wait();
 }
 
 EstimateNetwork::~EstimateNetwork() = default;
@@ -146,6 +205,11 @@ void EstimateNetwork::infer(const float* input, float* output) {
         layer.prelu.execute(n.stream, {{DNNL_ARG_SRC, layer.dst},
                                        {DNNL_ARG_WEIGHTS, layer.slopes},
                                        {DNNL_ARG_DST, layer.dst}});
+      if (!layer.blockSlopes.empty()) {
+        n.stream.wait();
+        preluBlocked(static_cast<float*>(layer.dst.get_data_handle()), layer.blockSlopes, n.batch,
+                     n.height, n.width);
+      }
       source = &layer.dst;
     }
     if (n.reorderOutput) n.outputReorder.execute(n.stream, n.layers.back().dst, n.plainOutput);
