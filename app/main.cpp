@@ -1,4 +1,5 @@
 #include <QApplication>
+#include <QCoreApplication>
 #include <QCommandLineParser>
 #include <QTimer>
 
@@ -6,12 +7,15 @@
 #include "app/main_window.h"
 #include "support/state_paths.h"
 
-int main(int argc, char** argv) {
-  QApplication application(argc, argv);
-  QApplication::setApplicationName(QStringLiteral("Tarnbloom"));
-  QApplication::setApplicationVersion(QStringLiteral(TARNBLOOM_VERSION));
-  QApplication::setDesktopFileName(QStringLiteral("com.tarnbloom.app"));
+namespace {
 
+// The arguments, with --help and --version answered (the process then
+// ends). Read before the GUI starts: a terminal without a display, over
+// ssh say, still gets its answer instead of a missing-platform abort.
+QStringList commandLine(int argc, char** argv) {
+  QCoreApplication probe(argc, argv);
+  QCoreApplication::setApplicationName(QStringLiteral("Tarnbloom"));
+  QCoreApplication::setApplicationVersion(QStringLiteral(TARNBLOOM_VERSION));
   QCommandLineParser parser;
   parser.setApplicationDescription(QStringLiteral("Enlarges photographs."));
   parser.addHelpOption();
@@ -19,11 +23,21 @@ int main(int argc, char** argv) {
   parser.addPositionalArgument(QStringLiteral("files"),
                                QStringLiteral("Photos to open, one tab each, or tarnbloom:// links."),
                                QStringLiteral("[FILES...]"));
-  parser.process(application);
+  parser.process(probe);
+  return parser.positionalArguments();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const QStringList arguments = commandLine(argc, argv);
+  QApplication application(argc, argv);
+  QApplication::setApplicationName(QStringLiteral("Tarnbloom"));
+  QApplication::setApplicationVersion(QStringLiteral(TARNBLOOM_VERSION));
+  QApplication::setDesktopFileName(QStringLiteral("com.tarnbloom.app"));
 
   // One window per state folder: a second launch hands its photos and
   // links to the first and ends.
-  const QStringList arguments = parser.positionalArguments();
   if (tarnbloom::app::InstanceLink::handToRunningWindow(tarnbloom::stateFolder(), arguments)) return 0;
 
   tarnbloom::app::MainWindow window;
