@@ -27,12 +27,14 @@
 #include "app/compare_view.h"
 #include "app/desktop_notifier.h"
 #include "app/export_sheet.h"
+#include "app/folder_batch_window.h"
 #include "app/inspector_panel.h"
 #include "app/instance_link.h"
 #include "app/menu_run_confirmation.h"
 #include "app/menu_settings_dialog.h"
 #include "app/photo_document.h"
 #include "app/progress_strip.h"
+#include "app/recipes_window.h"
 #include "app/update_checker.h"
 #include "engine/estimate_error.h"
 #include "engine/render_progress_model.h"
@@ -254,6 +256,17 @@ void MainWindow::buildActions() {
           &MainWindow::openDialog);
   connect(addAction("close", QStringLiteral("Close Tab"), QKeySequence(Qt::CTRL | Qt::Key_W)),
           &QAction::triggered, this, [this] { closeTab(m_tabs->currentIndex()); });
+  connect(addAction("folderBatch", QStringLiteral("Enlarge Folder…"),
+                    QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_O)),
+          &QAction::triggered, this, [this] {
+            // The batch exports as the inspector shows; with no photo open,
+            // as the saved settings say.
+            const PhotoDocument* document = activeDocument();
+            showFolderBatchWindow(*m_host,
+                                  document ? document->options()
+                                           : exporting::ExportOptions::saved(Settings::loadDefault()),
+                                  this);
+          });
   connect(addAction("export", QStringLiteral("Export…"), QKeySequence(Qt::CTRL | Qt::Key_E)),
           &QAction::triggered, this, &MainWindow::exportActive);
   connect(addAction("stop", QStringLiteral("Stop Export"), QKeySequence(Qt::CTRL | Qt::Key_Period)),
@@ -265,6 +278,24 @@ void MainWindow::buildActions() {
           });
   connect(addAction("menuSettings", QStringLiteral("File Manager Menu…"), QKeySequence()),
           &QAction::triggered, this, &MainWindow::showMenuSettings);
+  connect(addAction("recipes", QStringLiteral("Recipes…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_E)),
+          &QAction::triggered, this, [this] {
+            // One window, raised again when already open.
+            auto* recipes = findChild<RecipesWindow*>();
+            if (!recipes) {
+              RecipesWindowContext context;
+              context.host = m_host.get();
+              context.currentPhoto = [this]() -> std::optional<std::filesystem::path> {
+                if (auto* document = activeDocument()) return document->path();
+                return std::nullopt;
+              };
+              context.currentOptions = [this] { return m_inspector->options(); };
+              recipes = new RecipesWindow(std::move(context), this);
+            }
+            recipes->show();
+            recipes->raise();
+            recipes->activateWindow();
+          });
   connect(addAction("quit", QStringLiteral("Quit"), QKeySequence::Quit), &QAction::triggered, this,
           &QWidget::close);
 
@@ -325,6 +356,7 @@ void MainWindow::buildMenus() {
   rebuildRecentMenu();
   file->addSeparator();
   file->addAction(action("export"));
+  file->addAction(action("folderBatch"));
   file->addAction(action("stop"));
   file->addAction(action("receipts"));
   file->addSeparator();
@@ -346,6 +378,7 @@ void MainWindow::buildMenus() {
   window->addAction(action("nextTab"));
   window->addAction(action("previousTab"));
   window->addSeparator();
+  window->addAction(action("recipes"));
   window->addAction(action("menuSettings"));
 }
 

@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <iostream>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "canvas/canvas_composer.h"
 #include "cli/exit_codes.h"
 #include "cli/export_flags.h"
 #include "cli/help_option.h"
 #include "cli/recipe_command.h"
+#include "recipes/folder_batch_preflight.h"
 #include "recipes/folder_batch_walker.h"
 #include "recipes/recipe_run_planner.h"
 #include "recipes/shard.h"
@@ -20,7 +19,6 @@ namespace tarnbloom::cli {
 namespace {
 
 namespace fs = std::filesystem;
-using exporting::PreflightCause;
 
 const std::string kUsage =
     std::string(
@@ -130,10 +128,7 @@ void printLists(const Options& options, const recipes::FolderBatchWalker::WalkRe
   for (const auto& folder : walk.excludedFolders)
     std::cout << folder.folder.filename().string() << ": " << folder.message << '\n';
   if (walk.files.empty()) {
-    std::cout << "Nothing to preflight.\n"
-              << (options.recursive ? "No files found in this folder or its subfolders"
-                                    : "No files found directly inside this folder")
-              << '\n';
+    std::cout << "Nothing to preflight.\n" << recipes::emptyFolderText(options.recursive) << '\n';
     return;
   }
   std::cout << report.plan.items.size() << (report.plan.items.size() == 1 ? " file" : " files")
@@ -159,15 +154,11 @@ void printLists(const Options& options, const recipes::FolderBatchWalker::WalkRe
     std::cout << "Every file passed preflight.\n";
     return;
   }
-  // Grouped as the batch window lists them, in the order of the causes.
-  std::map<PreflightCause, std::vector<std::pair<fs::path, std::string>>> groups;
-  for (const auto& [file, exception] : report.excluded)
-    groups[exception.cause].emplace_back(file, exception.explanation);
   std::cout << report.excluded.size() << (report.excluded.size() == 1 ? " file" : " files")
             << " set aside:\n";
-  for (const auto& [cause, files] : groups) {
-    std::cout << groupLabel(cause) << '\n';
-    for (const auto& [file, explanation] : files)
+  for (const auto& group : recipes::exclusionGroups(report)) {
+    std::cout << group.label << '\n';
+    for (const auto& [file, explanation] : group.files)
       std::cout << "  " << file.filename().string() << ": " << explanation << '\n';
   }
 }
@@ -198,15 +189,12 @@ int runPreflight(const std::vector<std::string>& arguments) {
       for (auto& unit : recipes::RecipeRunPlanner::plan(recipe, walk.files, settings))
         reports.emplace_back(unit.summary, recipes::PreflightReport::of(std::move(unit.plan)));
     } else {
-      const auto decision = canvas::BatchCanvasPolicy::decide(options.flags.exportOptions().canvas);
-      if (!decision.allowed)
-        throw recipes::BatchCanvasRefusal(decision.title, decision.explanation);
       exporting::JobDescription description;
       description.options = options.flags.exportOptions();
       description.confirmed16BitReduction = options.allow8Bit;
-      const exporting::ExportPlanner planner(description, options.flags.templateOrDefault(),
-                                             exporting::DestinationRule{options.out});
-      reports.emplace_back("", recipes::FolderBatchWalker::runPreflight(walk.files, planner));
+      reports.emplace_back("", recipes::preflightFiles(walk.files, description,
+                                                       options.flags.templateOrDefault(),
+                                                       options.out));
     }
   } catch (const Error& error) {
     std::cerr << "tarnbloom preflight: " << error.description() << '\n';
