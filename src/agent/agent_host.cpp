@@ -117,7 +117,8 @@ AgentURLHandler::Dependencies AgentHost::handlerDependencies() {
                     AgentErrorCode code, const std::string& message) {
     m_jobs->reject(jobID, request, code, message);
   };
-  d.notify = [this](const AgentResult& result) { notifyUser(result); };
+  // The person hears of a job only when it asked (the job service's
+  // postFinished); the handler's per-job hook is not a notification.
   d.quitIfIdle = [this] { scheduleIdleCheck(); };
   d.log = [this](const std::string& text) {
     if (m_options.log) m_options.log(text);
@@ -163,19 +164,30 @@ void AgentHost::notifyUser(const AgentResult& result) {
     m_options.notify(result);
     return;
   }
-  sendDesktopNotification(notificationSummary(result));
+  std::string reveal;
+  for (const auto& item : result.items)
+    if (item.output) reveal = *item.output;
+  sendDesktopNotification(notificationSummary(result), reveal);
 }
 
-void sendDesktopNotification(const std::string& body) {
+void sendDesktopNotification(const std::string& body, const std::string& reveal) {
   // Desktop notifications need a session bus; a headless run has none.
   if (!std::getenv("DBUS_SESSION_BUS_ADDRESS")) return;
-  const char* arguments[] = {"notify-send", "--app-name=Tarnbloom", "Tarnbloom", body.c_str(),
-                             nullptr};
+  // notify-send waits for the person's choice when the notification has an
+  // action, so the wait runs in a background shell: this process only waits
+  // for that shell to start it.
+  static constexpr const char* kShowInFolder =
+      "( choice=$(notify-send --app-name=Tarnbloom --icon=com.tarnbloom.app "
+      "--action=show='Show in Folder' Tarnbloom \"$1\") && [ \"$choice\" = show ] && "
+      "exec xdg-open \"$(dirname -- \"$2\")\" ) </dev/null >/dev/null 2>&1 &";
+  static constexpr const char* kPlain =
+      "notify-send --app-name=Tarnbloom --icon=com.tarnbloom.app Tarnbloom \"$1\"";
+  const char* arguments[] = {"sh", "-c", reveal.empty() ? kPlain : kShowInFolder,
+                             "tarnbloom-notify", body.c_str(), reveal.c_str(), nullptr};
   pid_t child = -1;
-  if (::posix_spawnp(&child, "notify-send", nullptr, nullptr,
-                     const_cast<char* const*>(arguments), environ) != 0)
+  if (::posix_spawn(&child, "/bin/sh", nullptr, nullptr, const_cast<char* const*>(arguments),
+                    environ) != 0)
     return;
-  // Reaped at once: notify-send returns as soon as the bus took it.
   int status = 0;
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }

@@ -103,8 +103,11 @@ class AgentHost {
 // "12 enlarged, 1 skipped": what a finished job's notification says.
 std::string notificationSummary(const AgentResult& result);
 // Shows `body` through `notify-send` when there is a session bus; nothing
-// otherwise (a headless run).
-void sendDesktopNotification(const std::string& body);
+// otherwise (a headless run). With `reveal` (an exported file) the
+// notification offers "Show in Folder", which opens that file's folder; the
+// answer is awaited by a detached process, so a service that quits when
+// idle does not take the action with it.
+void sendDesktopNotification(const std::string& body, const std::string& reveal = {});
 
 // `tarnbloom service`: claims the instance of the state folder and serves
 // until SIGTERM/SIGINT, or, with `untilIdle`, until idle. Returns 0, or 0

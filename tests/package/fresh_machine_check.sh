@@ -47,7 +47,7 @@ in_root dpkg -s tarnbloom | grep -q '^Status: install ok installed' || fail "the
 
 in_root tarnbloom --version
 in_root tarnbloom-app --version
-in_root sh -c 'cd /home/ann/Pictures && tarnbloom enlarge chelsea.png --size 2x --method enhance --format jpeg' >&2 ||
+in_root sh -c 'cd /home/ann/Pictures && tarnbloom enlarge chelsea.png --size x2 --method enhance --format jpeg' >&2 ||
   fail "the installed tool did not export with Enhance"
 ls "$root/home/ann/Pictures/" | grep -q 'chelsea_.*\.jpg' || fail "no export beside the photo"
 in_root sh -c 'QT_QPA_PLATFORM=offscreen timeout 5 tarnbloom-app /home/ann/Pictures/chelsea.png; test $? = 124' ||
