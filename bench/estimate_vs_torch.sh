@@ -11,7 +11,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 ours=$("${TARNBLOOM_BUILD:-$here/build}/bench/estimate_bench" "$model" --dump "$work")
 echo "$ours"
-theirs=$(OMP_NUM_THREADS=2 /usr/bin/python3 "$here/bench/estimate_torch.py" "$model" "$work")
+# TARNBLOOM_TORCH_PYTHON: a Python that has torch, when the system one has not.
+theirs=$(OMP_NUM_THREADS=2 "${TARNBLOOM_TORCH_PYTHON:-/usr/bin/python3}" "$here/bench/estimate_torch.py" "$model" "$work")
 echo "$theirs" | grep -v '^torch-best'
 torch=$(echo "$theirs" | awk '/^torch-best/ {print $2}')
 for precision in fp32 winograd bf16; do

@@ -40,6 +40,8 @@ in_root cp /tmp/chelsea.png /home/ann/Pictures/
 before=$(in_root sh -c 'cd / && find home -type f | sort | xargs sha256sum')
 
 in_root apt-get update -qq >&2
+# What any desktop has: the launcher database tools and the session bus.
+in_root sh -c 'DEBIAN_FRONTEND=noninteractive apt-get install -y -qq desktop-file-utils shared-mime-info dbus' >&2
 # dpkg alone stops at the missing libraries; apt then brings them in.
 in_root dpkg -i "/tmp/$(basename "$deb")" >&2 || true
 in_root sh -c 'DEBIAN_FRONTEND=noninteractive apt-get -f install -y -qq' >&2
@@ -53,6 +55,58 @@ ls "$root/home/ann/Pictures/" | grep -q 'chelsea_.*\.jpg' || fail "no export bes
 in_root sh -c 'QT_QPA_PLATFORM=offscreen timeout 5 tarnbloom-app /home/ann/Pictures/chelsea.png; test $? = 124' ||
   fail "the window did not start on the offscreen platform"
 grep -q '^Exec=tarnbloom-app %U' "$root/usr/share/applications/com.tarnbloom.app.desktop" || fail "no launcher entry"
+# Open With and the tarnbloom:// scheme, as the desktop database now lists them.
+cache=$root/usr/share/applications/mimeinfo.cache
+grep -q '^image/jpeg=.*com\.tarnbloom\.app\.desktop' "$cache" || fail "not offered in Open With for JPEG"
+grep -q '^x-scheme-handler/tarnbloom=com\.tarnbloom\.app\.desktop' "$cache" || fail "tarnbloom:// has no handler"
+
+# The file manager's menu with the user's recipe, drawn by the Nautilus
+# extension under the real Nautilus bindings, chosen, and announced at the
+# end through the session bus; python3-dbus runs the stand-in
+# notification server.
+in_root dpkg -s python3-nautilus >/dev/null 2>&1 || fail "apt did not install python3-nautilus"
+in_root sh -c 'DEBIAN_FRONTEND=noninteractive apt-get install -y -qq python3-dbus' >&2
+cp "$here/tests/package/notification_server.py" "$root/tmp/"
+cat >"$root/tmp/nautilus_menu.py" <<'PY'
+import json, os, runpy, sys
+import gi
+gi.require_version("Nautilus", "4.0")
+from gi.repository import Gio
+# Nautilus loads an extension as a module of its file name, which names
+# its GObject types.
+menu = runpy.run_path("/usr/share/nautilus-python/extensions/tarnbloom_menu.py", run_name="tarnbloom_menu")
+class Selected:
+    def __init__(self, path): self.path = path
+    def get_location(self): return Gio.File.new_for_path(self.path)
+    def is_directory(self): return os.path.isdir(self.path)
+    def get_mime_type(self): return "image/png"
+items = menu["TarnbloomMenuProvider"]().get_file_items([Selected(sys.argv[1])])
+entries = items[0].get_property("menu").get_items()
+print(json.dumps([e.get_property("label") for e in entries], ensure_ascii=False))
+next(e for e in entries if e.get_property("label") == sys.argv[2]).activate()
+PY
+in_root tarnbloom recipe save "Web Print" --size x2 --format jpeg --method exact >&2
+in_root tarnbloom menu add "Web Print" >&2
+# The first use of an entry is agreed in the window; agreed here as the
+# window would record it.
+in_root /usr/bin/python3 -c '
+import json, subprocess
+ids = json.loads(subprocess.run(["tarnbloom", "recipe", "list", "--json"], capture_output=True, text=True).stdout.splitlines()[0])
+path = "/home/ann/.config/tarnbloom/settings.json"
+settings = json.load(open(path))
+settings["FinderMenuStore.acknowledgedIdentities"] = [json.dumps({"recipe": {"id": ids["id"]}}, separators=(",", ":"))]
+json.dump(settings, open(path, "w"))' || fail "could not find the settings file"
+in_root dbus-run-session -- sh -c '
+  /usr/bin/python3 /tmp/notification_server.py /tmp/notified &
+  sleep 2
+  /usr/bin/python3 /tmp/nautilus_menu.py /home/ann/Pictures/chelsea.png "Web Print" > /tmp/labels
+  for i in $(seq 120); do [ -s /tmp/notified ] && break; sleep 0.5; done
+  kill %1' >&2 || true
+cat "$root/tmp/labels"
+grep -q '"Enlarge 2×", "Enlarge 4×", "Enlarge 8×", "Web Print"' "$root/tmp/labels" || fail "the Nautilus menu lacks its entries"
+grep -q '"body": "1 enlarged", "actions": \["show", "Show in Folder"\]' "$root/tmp/notified" ||
+  fail "no notification after the right-click export"
+cat "$root/tmp/notified"
 [ -s "$root/usr/share/man/man1/tarnbloom.1.gz" ] || fail "no manual page"
 [ -s "$root/usr/share/doc/tarnbloom/copyright" ] || fail "no copyright file"
 
