@@ -60,9 +60,15 @@ bool EstimateEngine::isUnblended(double strength) {
 std::vector<uint8_t> EstimateEngine::blendedPixels(const std::vector<uint8_t>& estimate,
                                                    const std::vector<uint8_t>& exact, double strength) {
   if (estimate.size() != exact.size() || isUnblended(strength)) return estimate;
-  const double s = clampStrength(strength);
   std::vector<uint8_t> out(estimate.size());
-  for (size_t i = 0; i + 3 < estimate.size(); i += 4) {
+  blendPixels(estimate.data(), exact.data(), estimate.size(), strength, out.data());
+  return out;
+}
+
+void EstimateEngine::blendPixels(const uint8_t* estimate, const uint8_t* exact, size_t bytes,
+                                 double strength, uint8_t* out) {
+  const double s = clampStrength(strength);
+  for (size_t i = 0; i + 3 < bytes; i += 4) {
     const double alpha = estimate[i + 3];
     for (int c = 0; c < 3; ++c) {
       const double v = std::round((1 - s) * exact[i + c] + s * estimate[i + c]);
@@ -70,7 +76,6 @@ std::vector<uint8_t> EstimateEngine::blendedPixels(const std::vector<uint8_t>& e
     }
     out[i + 3] = estimate[i + 3];
   }
-  return out;
 }
 
 void EstimateEngine::useModel(SrvggNetwork network, std::string digest) {
@@ -105,6 +110,25 @@ std::string EstimateEngine::precisionText() {
 
 MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgress& onTile,
                                        const std::atomic<bool>* cancel) {
+  const int64_t outWidth = image.width * scale, outHeight = image.height * scale;
+  const uint64_t resultBytes =
+      static_cast<uint64_t>(outWidth) * static_cast<uint64_t>(outHeight) * 4;
+  if (resultBytes > kMaxEstimateBytes)
+    throw EngineError::tooLarge(outWidth, outHeight, resultBytes);
+  MosaicImage result{outWidth, outHeight, {}};
+  inferRows(
+      image,
+      [&](const uint8_t* rgba, int64_t firstRow, int64_t count) {
+        if (result.rgba.empty()) result.rgba.resize(static_cast<size_t>(resultBytes));
+        const size_t rowBytes = static_cast<size_t>(outWidth) * 4;
+        std::copy(rgba, rgba + rowBytes * count, result.rgba.data() + rowBytes * firstRow);
+      },
+      onTile, cancel);
+  return result;
+}
+
+void EstimateEngine::inferRows(const MosaicImage& image, const EstimateRows& onRows,
+                               const TileProgress& onTile, const std::atomic<bool>* cancel) {
   if (image.width < 1 || image.height < 1 || image.rgba.size() != static_cast<size_t>(image.width * image.height * 4))
     throw EstimateError::colourPreparation();
   const SrvggNetwork& network = model();
@@ -115,9 +139,6 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
     m_runner = std::make_unique<EstimateNetwork>(network, tileSize, tileSize, 1, EstimateNetwork::defaultPrecision());
 
   const int64_t outWidth = image.width * scale, outHeight = image.height * scale;
-  const uint64_t resultBytes = static_cast<uint64_t>(outWidth) * static_cast<uint64_t>(outHeight) * 4;
-  if (resultBytes > kMaxEstimateBytes) throw EngineError::tooLarge(outWidth, outHeight, resultBytes);
-  MosaicImage result{outWidth, outHeight, std::vector<uint8_t>(static_cast<size_t>(resultBytes))};
 
   // Colour and weight sums are kept only for the output rows one row of
   // tiles covers; rows no later tile reaches are finished and the overlap
@@ -126,10 +147,12 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
   const size_t stripPixels = static_cast<size_t>(outWidth) * out;
   std::vector<float> sum(stripPixels * 3), weight(stripPixels);
   int64_t stripTop = 0;  // output row of the strip's first row
+  std::vector<uint8_t> finished;  // rows handed to onRows, reused down the image
 
   // Finishes rows [from, to): alpha sampled bilinearly from the source, colour
   // divided by its weight and kept within alpha (premultiplied).
   auto finishRows = [&](int64_t from, int64_t to) {
+    finished.resize(static_cast<size_t>((to - from) * outWidth) * 4);
 #pragma omp parallel for schedule(static)
     for (int64_t y = from; y < to; ++y) {
       const double fy = std::clamp((y + 0.5) / scale - 0.5, 0.0, static_cast<double>(image.height - 1));
@@ -143,7 +166,7 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
         const double alpha = (alphaAt(x1, y1) * (1 - wx) + alphaAt(x2, y1) * wx) * (1 - wy) +
                              (alphaAt(x1, y2) * (1 - wx) + alphaAt(x2, y2) * wx) * wy;
         const size_t at = static_cast<size_t>((y - stripTop) * outWidth + x);
-        uint8_t* p = result.rgba.data() + static_cast<size_t>(y * outWidth + x) * 4;
+        uint8_t* p = finished.data() + static_cast<size_t>((y - from) * outWidth + x) * 4;
         const double a8 = std::round(alpha * 255);
         for (int c = 0; c < 3; ++c) {
           const double v = std::round(sum[at * 3 + c] / weight[at] * 255);
@@ -152,6 +175,7 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
         p[3] = static_cast<uint8_t>(a8);
       }
     }
+    if (to > from) onRows(finished.data(), from, to - from);
   };
 
   const auto columns = gridOrigins(image.width);
@@ -214,7 +238,6 @@ MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgr
     std::fill(weight.end() - keep, weight.end(), 0.0f);
     stripTop = nextTop;
   }
-  return result;
 }
 
 std::string EstimateEngine::tilingText() {

@@ -62,6 +62,10 @@ class EstimateEngine {
   // arrays of different lengths give the estimate unchanged.
   static std::vector<uint8_t> blendedPixels(const std::vector<uint8_t>& estimate,
                                             const std::vector<uint8_t>& exact, double strength);
+  // The same blend of `bytes` bytes of pixels into `out`, at a strength
+  // that is not unblended.
+  static void blendPixels(const uint8_t* estimate, const uint8_t* exact, size_t bytes,
+                          double strength, uint8_t* out);
 
   using TileProgress = std::function<void(int64_t done, int64_t total)>;
 
@@ -69,6 +73,17 @@ class EstimateEngine {
   // EngineError::cancelled between tiles.
   MosaicImage inferTiled(const MosaicImage& image, const TileProgress& onTile = {},
                          const std::atomic<bool>* cancel = nullptr);
+
+  // Receives `count` finished rows of the ×4 estimate from row `firstRow`
+  // on, 8-bit premultiplied sRGB RGBA at the estimate's width; the pointer
+  // is good only during the call.
+  using EstimateRows = std::function<void(const uint8_t* rgba, int64_t firstRow, int64_t count)>;
+  // The same inference handed over top to bottom as each row of tiles
+  // finishes the rows above the next, so the estimate is never held whole:
+  // the pixels are those inferTiled returns. Throws as inferTiled does, and
+  // whatever `onRows` throws (no further tile runs then).
+  void inferRows(const MosaicImage& image, const EstimateRows& onRows,
+                 const TileProgress& onTile = {}, const std::atomic<bool>* cancel = nullptr);
 
   // Loads (once) the model it was made with; throws EstimateError::modelMissing
   // or modelFailed.

@@ -85,7 +85,8 @@ class ResampleEngine {
 
   // The same render handed to `onBand` band by band, top to bottom, so the
   // whole output is never held: the pixels are those exportImage returns.
-  // Enhance blends the whole picture at once and hands it over as one band.
+  // Enhance hands over bands as its network's rows of tiles finish them
+  // (or, after a preview at this size, the whole picture as one band).
   // Throws as exportImage does, and whatever `onBand` throws (no further
   // band is rendered then).
   void exportBands(ResampleTarget target, ResampleMethod method, const RenderOutput& output,
@@ -109,6 +110,14 @@ class ResampleEngine {
   static int64_t bandBudget(ResampleMethod method);
   static int64_t workingBytesPerPixel(ResampleMethod method, double scaleX, double scaleY,
                                       bool fractional);
+  // An Enhance export's bands hold at most this many bytes, at this many
+  // per target pixel (at `scaleX` × `scaleY` of the source; `resized`: the
+  // target is not the network's ×4): its estimate, Exact's render, their
+  // blend and the converted output (8 bits each, 16 for the output), the
+  // float rows Exact resamples from, and for a resized estimate the float
+  // copy of the estimate rows it reads and their horizontal pass.
+  static constexpr int64_t kEstimateBandBudget = 64'000'000;
+  static int64_t estimateBandBytesPerPixel(double scaleX, double scaleY, bool resized);
 
   // Reads the file once, hashes those bytes and decodes frame 0 from them.
   // Throws EngineError: unreadable, unsupportedFormat (GIF), multiFrame,
@@ -136,12 +145,26 @@ class ResampleEngine {
   static codec::PixelBuffer applyOrientation(const codec::PixelBuffer& image, uint32_t orientation);
 
  private:
-  // The Enhance render: the ×4 estimate of the whole source, resized to the
-  // target and blended with the Exact render, then converted like any other.
+  // The Enhance render: the ×4 estimate of the source, resized to the
+  // target and blended with the Exact render, then converted like any other;
+  // whole, or band by band to `onBand` (nothing returned then). Streamed
+  // unless a preview left the estimate at this size in the cache.
   codec::PixelBuffer renderEstimate(ResampleTarget target, const RenderOutput& output,
-                                    const OutputConverter& converter,
-                                    const RenderProgress& progress,
-                                    const std::atomic<bool>* cancel) const;
+                                    const OutputConverter& converter, const BandReceiver* onBand,
+                                    const RenderProgress& progress, const std::atomic<bool>* cancel,
+                                    int64_t bandBudget) const;
+  // The Enhance render handed to `onBand` as each row of the network's tiles
+  // finishes the target rows it decides; neither the estimate nor Exact's
+  // render is held whole. The pixels are those of the cached path.
+  void streamEstimate(ResampleTarget target, double strength, const OutputConverter& converter,
+                      const BandReceiver& onBand, const RenderProgress& progress,
+                      const std::atomic<bool>* cancel, int64_t bandBudget) const;
+  // Target rows per band of streamEstimate: as many as `bandBudget` bytes
+  // hold (kEstimateBandBudget when not positive).
+  int64_t estimateBandRows(ResampleTarget target, int64_t bandBudget) const;
+  // Target rows [y0, y1) of the Exact render through `converter`.
+  codec::PixelBuffer exactRows(ResampleTarget target, int64_t y0, int64_t y1,
+                               const OutputConverter& converter) const;
   // `rect` of the Enhance render at `target`, from the cached estimate.
   codec::PixelBuffer estimateTile(ResampleTarget target, OutputRect rect,
                                   const OutputConverter& converter, double strength,

@@ -175,12 +175,8 @@ codec::PixelBuffer ResampleEngine::renderExport(ResampleTarget target, ResampleM
   if (output.flatten) converter.setFlatten(*output.flatten);
   if (!m_source.hasAlpha) converter.assumeOpaque();
 
-  if (method == ResampleMethod::estimate) {
-    codec::PixelBuffer whole = renderEstimate(target, output, converter, progress, cancel);
-    if (!onBand) return whole;
-    (*onBand)(whole, 0);
-    return {};
-  }
+  if (method == ResampleMethod::estimate)
+    return renderEstimate(target, output, converter, onBand, progress, cancel, bandBudgetOverride);
 
   const auto [sx, sy] = target.scale(width(), height());
   const bool fractional = !target.integralFactor(width(), height()).has_value();
@@ -219,6 +215,17 @@ codec::PixelBuffer ResampleEngine::renderExport(ResampleTarget target, ResampleM
   if (cancel && cancel->load()) throw EngineError::cancelled();
   if (onBand) return {};
   return result;
+}
+
+codec::PixelBuffer ResampleEngine::exactRows(ResampleTarget target, int64_t y0, int64_t y1,
+                                             const OutputConverter& converter) const {
+  codec::PixelBuffer rows;
+  rows.allocate(static_cast<int>(target.width), static_cast<int>(y1 - y0), converter.channels(),
+                converter.format());
+  BandScratch scratch;
+  renderRows(target, 0, target.width, y0, y1, ResampleMethod::exact, converter, rows, y0, scratch,
+             false);
+  return rows;
 }
 
 codec::PixelBuffer ResampleEngine::previewTile(ResampleTarget target, OutputRect rect,

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "encoding/webp_encoder.h"
+#include "engine/estimate_engine.h"
 #include "engine/resample_engine.h"
 #include "support/locale_numbers.h"
 
@@ -286,12 +287,63 @@ Band band(const PeakModel& m, ResampleMethod method, bool fractional) {
   return b;
 }
 
-bool streamsToDisk(ResampleMethod method, encoding::ExportFormat format,
-                   const ExportMemoryShape& shape) {
+bool streamsToDisk(encoding::ExportFormat format, const ExportMemoryShape& shape) {
   using encoding::ExportFormat;
-  if (method == ResampleMethod::estimate || shape.canvas) return false;
+  if (shape.canvas) return false;
   return format == ExportFormat::png || format == ExportFormat::tiff ||
          (format == ExportFormat::jpeg && !shape.jpegSizeCeiling);
+}
+
+// An Enhance export runs the network a row of tiles at a time: float sums
+// for the estimate rows one row of tiles covers, the 8-bit rows it
+// finishes, and at another size than ×4 the estimate rows later bands still
+// read (about one row of tiles more). Each band of the output holds at most
+// the engine's band budget, and no more rows than one row of tiles
+// finishes. The source waits as its bitmap and as the network's 8-bit
+// input; the network's weights and layers stay with the engine throughout.
+// A picture held whole (canvas, JPEG ceiling, whole-picture formats) adds
+// itself to the render and then goes to the encoder alone.
+double enhancePeak(const PeakModel& m, encoding::ExportFormat format,
+                   const ExportMemoryShape& shape, const EncoderCost& encoder) {
+  const double scale = EstimateEngine::scale;
+  const double estimateWidth = m.sourceWidth * scale;
+  const bool resized =
+      m.outputWidth != estimateWidth || m.outputHeight != m.sourceHeight * scale;
+  const double tileRows = static_cast<double>(EstimateEngine::tileSize) * scale;
+  const double finishedRows = static_cast<double>(EstimateEngine::gridStride) * scale;
+  const double network =
+      estimateWidth * (tileRows * 16 + finishedRows * 4 * (resized ? 2 : 1));
+  const double perPixel =
+      static_cast<double>(ResampleEngine::estimateBandBytesPerPixel(m.scaleX, m.scaleY, resized));
+  const double budgetRows = std::max(
+      1.0, std::floor(static_cast<double>(ResampleEngine::kEstimateBandBudget) /
+                      (m.outputWidth * perPixel)));
+  const double bandRows = std::min(
+      {m.outputHeight, budgetRows, std::ceil(finishedRows * m.scaleY / scale) + 1});
+  const double band = bandRows * m.outputWidth * perPixel;
+  // A resized band's float copies change size from band to band, and the
+  // heaps keep some of what they freed (measured: up to about two slacks);
+  // a picture held whole is never trimmed between bands, which adds one.
+  const bool whole = !streamsToDisk(format, shape);
+  const double heaps =
+      static_cast<double>(kBandHeapSlackBytes) * ((resized ? 2 : 0) + (whole ? 1 : 0));
+  const double fixed = kBaseBytes + kNetworkBytes;
+  const double working = m.source * (m.sourceSampleBytes + 4) + network + band + heaps;
+  if (!whole) {
+    const double encode =
+        format == encoding::ExportFormat::png ? pngScratch(shape.threads) : 0;
+    return fixed + working + encode;
+  }
+  const double picture = m.output * m.outputSampleBytes;
+  double composed = picture, compose = 0;
+  if (shape.canvas) {
+    composed = static_cast<double>(shape.canvas->first) *
+               static_cast<double>(shape.canvas->second) * m.outputSampleBytes;
+    compose = picture + composed;
+  }
+  const double encode =
+      composed + encoder.fixed + composed / m.outputSampleBytes * encoder.perPixel;
+  return fixed + std::max({working + picture, compose, encode});
 }
 
 double peakBytes(const PeakModel& m, ResampleMethod method, encoding::ExportFormat format,
@@ -299,22 +351,9 @@ double peakBytes(const PeakModel& m, ResampleMethod method, encoding::ExportForm
   const double sourceBitmap = m.source * m.sourceSampleBytes;
   const double linearSource = method == ResampleMethod::exact ? 0 : m.source * 16;
   const EncoderCost encoder = wholeEncoderCost(format, shape.jpegSizeCeiling, shape.threads);
-  if (method == ResampleMethod::estimate) {
-    // The network's estimate is ×4 of the source (8-bit RGBA). Any other
-    // output size resizes it from a float copy, whose horizontal pass holds
-    // all the estimate's rows at the output's width, into the output.
-    const double estimate = m.source * 16;
-    double resize = 0;
-    if (estimate != m.output)
-      resize = estimate * (4 + 16) + 4 * m.sourceHeight * m.outputWidth * 16 + m.output * 4;
-    // Then at the output size the estimate, the Exact render and their
-    // blend (8-bit RGBA), besides the output picture and the encoder.
-    const double blend =
-        m.output * (4 * 3 + m.outputSampleBytes + encoder.perPixel) + encoder.fixed;
-    return kBaseBytes + kNetworkBytes + sourceBitmap + std::max(resize, blend);
-  }
+  if (method == ResampleMethod::estimate) return enhancePeak(m, format, shape, encoder);
   const Band b = band(m, method, fractional);
-  if (streamsToDisk(method, format, shape)) {
+  if (streamsToDisk(format, shape)) {
     // The band's float buffers are given back before the encoder takes the
     // band (export_render trims between the two), so the render and the
     // encoder do not add up; JPEG's and TIFF's own rows are too few to matter.

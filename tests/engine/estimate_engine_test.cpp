@@ -215,3 +215,87 @@ TEST(EstimateRender, PreviewTilesAreTheExportAndANewStrengthOnlyBlendsAgain) {
 
 }  // namespace
 }  // namespace tarnbloom
+
+namespace tarnbloom {
+namespace {
+
+// 60 × 450: one column of tiles and three rows of them. With `alpha`, an
+// alpha channel that reaches 0.
+SourceImage tallSource(bool alpha) {
+  const int w = 60, h = 450, channels = alpha ? 4 : 3;
+  codec::PixelBuffer pixels;
+  pixels.allocate(w, h, channels, codec::SampleFormat::uint8);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = pixels.row(y) + x * channels;
+      p[0] = static_cast<uint8_t>(128 + 100 * std::sin(x * 0.3) * std::cos(y * 0.05));
+      p[1] = static_cast<uint8_t>((x * 7 + y * 3) % 256);
+      p[2] = static_cast<uint8_t>(200 - y / 3);
+      if (alpha) p[3] = static_cast<uint8_t>(std::clamp((x * 9 + y) % 300 - 40, 0, 255));
+    }
+  SourceImage source;
+  source.hasAlpha = alpha;
+  source.colorSpace = codec::ColourSpace::forFrame({}, false);
+  source.bitmap = std::make_shared<const codec::PixelBuffer>(std::move(pixels));
+  return source;
+}
+
+// Exports take the estimate band by band as its rows of tiles finish; the
+// compare view keeps it whole. Both must give the same bytes, resized or
+// not, with alpha or without, across bands that split rows of tiles.
+TEST(EstimateRender, StreamedExportsEqualTheWholeRender) {
+  const auto files = testing::makeModel(6, 2, 4, true);
+  EstimateEngine estimates;
+  estimates.useModel(SrvggNetwork::parse(files.param, files.bin), "test");
+  struct Case {
+    bool alpha;
+    ResampleTarget target;
+    double strength;
+  };
+  for (const Case& c : {Case{false, {240, 1800}, 0.5}, Case{true, {240, 1800}, 1.0},
+                        Case{true, {100, 750}, 0.3}, Case{false, {151, 1111}, 0.8}}) {
+    SCOPED_TRACE(std::to_string(c.target.width) + (c.alpha ? " alpha" : ""));
+    const ResampleEngine previewed(tallSource(c.alpha), &estimates);
+    const auto whole = previewed.previewTile(c.target, {0, 0, c.target.width, c.target.height},
+                                             ResampleMethod::estimate, true, c.strength);
+    const ResampleEngine engine(tallSource(c.alpha), &estimates);
+    RenderOutput output;
+    output.estimateStrength = c.strength;
+    codec::PixelBuffer joined;
+    joined.allocate(whole.width, whole.height, whole.channels, whole.format);
+    int64_t next = 0, bands = 0;
+    engine.exportBands(
+        c.target, ResampleMethod::estimate, output,
+        [&](const codec::PixelBuffer& rows, int64_t firstRow) {
+          ASSERT_EQ(firstRow, next);
+          ASSERT_EQ(rows.channels, whole.channels);
+          ASSERT_LE(firstRow + rows.height, whole.height);
+          std::copy(rows.data.begin(), rows.data.end(), joined.row(static_cast<int>(firstRow)));
+          next += rows.height;
+          ++bands;
+        },
+        {}, nullptr, c.target.width * 1000);
+    EXPECT_EQ(next, whole.height);
+    EXPECT_GT(bands, 6);
+    EXPECT_TRUE(joined.data == whole.data);
+    EXPECT_TRUE(engine.exportImage(c.target, ResampleMethod::estimate, output).data == whole.data);
+  }
+
+  // A receiver that stops the render gets no band after that one.
+  const ResampleEngine engine(tallSource(false), &estimates);
+  std::atomic<bool> cancel = false;
+  int received = 0;
+  try {
+    engine.exportBands(
+        {240, 1800}, ResampleMethod::estimate, {},
+        [&](const codec::PixelBuffer&, int64_t) { cancel = ++received == 2; }, {}, &cancel,
+        240 * 1000);
+    FAIL() << "not cancelled";
+  } catch (const EngineError& error) {
+    EXPECT_EQ(error.description(), "Stopped.");
+  }
+  EXPECT_EQ(received, 2);
+}
+
+}  // namespace
+}  // namespace tarnbloom
