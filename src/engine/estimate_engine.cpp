@@ -136,7 +136,8 @@ void EstimateEngine::inferRows(const MosaicImage& image, const EstimateRows& onR
   std::lock_guard render(m_renderLock);
   ++m_inferences;
   if (!m_runner)
-    m_runner = std::make_unique<EstimateNetwork>(network, tileSize, tileSize, 1, EstimateNetwork::defaultPrecision());
+    m_runner = std::make_unique<EstimateNetwork>(network, tileSize, tileSize, 1, EstimateNetwork::defaultPrecision(),
+                                                 EstimateNetwork::defaultConvolution());
 
   const int64_t outWidth = image.width * scale, outHeight = image.height * scale;
 

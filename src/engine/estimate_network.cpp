@@ -86,6 +86,11 @@ EstimateNetwork::Precision EstimateNetwork::defaultPrecision() {
   return Precision::fp32;
 }
 
+EstimateNetwork::Convolution EstimateNetwork::defaultConvolution() {
+  const char* asked = std::getenv("TARNBLOOM_ESTIMATE_CONVOLUTION");
+  return asked && std::strcmp(asked, "winograd") == 0 ? Convolution::winograd : Convolution::direct;
+}
+
 EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int width, int batch,
                                  Precision precision, Convolution convolution)
     : m_impl(std::make_unique<Impl>()),

@@ -24,6 +24,11 @@ class EstimateNetwork {
   // float32, unless TARNBLOOM_ESTIMATE_PRECISION=bf16 and the processor has
   // native BF16 arithmetic.
   static Precision defaultPrecision();
+  // Direct, unless TARNBLOOM_ESTIMATE_CONVOLUTION=winograd: oneDNN 2.6's
+  // Winograd kernels crashed the window's previews now and then (a fault
+  // inside the generated code while tabs were opened and closed), so they
+  // stay for the benchmark and those who ask until that is understood.
+  static Convolution defaultConvolution();
   static bool processorHasBf16();
 
   // Prepares the network for `batch` inputs of height × width pixels.

@@ -134,10 +134,13 @@ TEST(Preflight, SizesAndMemoryAreCheckedBeforeAnythingRuns) {
   EXPECT_EQ(explain(),
             "40,000 × 30,000 is over the 400,000,000-pixel limit for this output. Choose a smaller "
             "target size, or an 8-bit output format.");
-  // 300 million pixels: Enhance holds several copies of them; Exact to PNG
-  // writes them to disk a band at a time.
+  // 300 million pixels: AVIF is encoded from the whole picture; PNG is
+  // written to disk a band at a time, Enhance's as much as Exact's.
   description.options.sizeValue = 20000;
+  description.options.format = encoding::ExportFormat::avif;
   EXPECT_EQ(explain().rfind("Enlarging 400 × 300 to 20,000 × 15,000 needs more memory", 0), 0u);
+  description.options.format = encoding::ExportFormat::png;
+  EXPECT_EQ(explain(), "passes");
   description.options.method = ResampleMethod::exact;
   EXPECT_EQ(explain(), "passes");
   description.options.method = ResampleMethod::estimate;
