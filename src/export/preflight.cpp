@@ -294,6 +294,25 @@ bool streamsToDisk(encoding::ExportFormat format, const ExportMemoryShape& shape
          (format == ExportFormat::jpeg && !shape.jpegSizeCeiling);
 }
 
+// A picture held whole: the picture itself, the canvas composed from it
+// beside it, and the encoder working from the composed picture alone.
+struct WholePicture {
+  double picture = 0, compose = 0, encode = 0;
+};
+WholePicture wholePicture(const PeakModel& m, const ExportMemoryShape& shape,
+                          const EncoderCost& encoder) {
+  WholePicture w;
+  w.picture = m.output * m.outputSampleBytes;
+  double composed = w.picture;
+  if (shape.canvas) {
+    composed = static_cast<double>(shape.canvas->first) *
+               static_cast<double>(shape.canvas->second) * m.outputSampleBytes;
+    w.compose = w.picture + composed;
+  }
+  w.encode = composed + encoder.fixed + composed / m.outputSampleBytes * encoder.perPixel;
+  return w;
+}
+
 // An Enhance export runs the network a row of tiles at a time: float sums
 // for the estimate rows one row of tiles covers, the 8-bit rows it
 // finishes, and at another size than ×4 the estimate rows later bands still
@@ -334,16 +353,8 @@ double enhancePeak(const PeakModel& m, encoding::ExportFormat format,
         format == encoding::ExportFormat::png ? pngScratch(shape.threads) : 0;
     return fixed + working + encode;
   }
-  const double picture = m.output * m.outputSampleBytes;
-  double composed = picture, compose = 0;
-  if (shape.canvas) {
-    composed = static_cast<double>(shape.canvas->first) *
-               static_cast<double>(shape.canvas->second) * m.outputSampleBytes;
-    compose = picture + composed;
-  }
-  const double encode =
-      composed + encoder.fixed + composed / m.outputSampleBytes * encoder.perPixel;
-  return fixed + std::max({working + picture, compose, encode});
+  const WholePicture w = wholePicture(m, shape, encoder);
+  return fixed + std::max({working + w.picture, w.compose, w.encode});
 }
 
 double peakBytes(const PeakModel& m, ResampleMethod method, encoding::ExportFormat format,
@@ -369,17 +380,9 @@ double peakBytes(const PeakModel& m, ResampleMethod method, encoding::ExportForm
   // Held whole: the render converts into the picture band by band; once the
   // source is gone a canvas is composed from it, and the encoder then
   // works from the composed picture alone.
-  const double picture = m.output * m.outputSampleBytes;
-  const double render = sourceBitmap + linearSource + b.working + picture;
-  double composed = picture, compose = 0;
-  if (shape.canvas) {
-    composed = static_cast<double>(shape.canvas->first) *
-               static_cast<double>(shape.canvas->second) * m.outputSampleBytes;
-    compose = picture + composed;
-  }
-  const double encode =
-      composed + encoder.fixed + composed / m.outputSampleBytes * encoder.perPixel;
-  return kBaseBytes + std::max({render, compose, encode});
+  const WholePicture w = wholePicture(m, shape, encoder);
+  const double render = sourceBitmap + linearSource + b.working + w.picture;
+  return kBaseBytes + std::max({render, w.compose, w.encode});
 }
 
 }  // namespace
