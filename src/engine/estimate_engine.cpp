@@ -105,7 +105,9 @@ std::string EstimateEngine::artifactDigest() {
 }
 
 std::string EstimateEngine::precisionText() {
-  return EstimateNetwork::precisionText(EstimateNetwork::defaultPrecision());
+  std::lock_guard lock(m_modelLock);
+  if (!m_ranText.empty()) return m_ranText;
+  return EstimateNetwork::precisionText(EstimateNetwork::defaultPrecision(), EstimateNetwork::defaultConvolution());
 }
 
 MosaicImage EstimateEngine::inferTiled(const MosaicImage& image, const TileProgress& onTile,
@@ -135,9 +137,12 @@ void EstimateEngine::inferRows(const MosaicImage& image, const EstimateRows& onR
   if (network.upscale != scale) throw EstimateError::modelFailed("prediction must be [1, 3, 1024, 1024]");
   std::lock_guard render(m_renderLock);
   ++m_inferences;
-  if (!m_runner)
+  if (!m_runner) {
     m_runner = std::make_unique<EstimateNetwork>(network, tileSize, tileSize, 1, EstimateNetwork::defaultPrecision(),
                                                  EstimateNetwork::defaultConvolution());
+    std::lock_guard lock(m_modelLock);
+    m_ranText = m_runner->precisionText();
+  }
 
   const int64_t outWidth = image.width * scale, outHeight = image.height * scale;
 

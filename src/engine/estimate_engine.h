@@ -88,6 +88,7 @@ class EstimateEngine {
   // Loads (once) the model it was made with; throws EstimateError::modelMissing
   // or modelFailed.
   const SrvggNetwork& model();
+  // The precision and convolution of the network as it ran.
   std::string precisionText();
   std::string artifactDigest();  // SHA-256 of the param and bin files
   // "256×256 tiles, 16 px context, 128 px feather": how results are tiled.
@@ -105,6 +106,9 @@ class EstimateEngine {
   std::mutex m_modelLock;
   std::optional<SrvggNetwork> m_network;
   std::string m_digest;
+  // What the network built here computes (Winograd depends on the
+  // processor), for receipts.
+  std::string m_ranText;
   std::unique_ptr<EstimateNetwork> m_runner;
   std::atomic<int64_t> m_inferences{0};
 };

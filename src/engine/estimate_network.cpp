@@ -66,6 +66,13 @@ struct EstimateNetwork::Impl {
   memory plainOutput;  // nchw f32 of the last convolution
   dnnl::reorder outputReorder;
   bool reorderOutput = false;
+  // One scratchpad for every step, which run one after another. oneDNN's
+  // own scratchpad belongs to the thread that built a primitive; the
+  // network is built on whichever thread asks first and then runs on
+  // preview and export threads, where Winograd's transform buffers were
+  // found missing (a write through a null pointer).
+  memory scratchpad;
+  dnnl::primitive_attr attributes;
 
   // Throws dnnl::error when oneDNN refuses a layer.
   void build(const SrvggNetwork& network, Type activation, bool winograd);
@@ -88,7 +95,7 @@ EstimateNetwork::Precision EstimateNetwork::defaultPrecision() {
 
 EstimateNetwork::Convolution EstimateNetwork::defaultConvolution() {
   const char* asked = std::getenv("TARNBLOOM_ESTIMATE_CONVOLUTION");
-  return asked && std::strcmp(asked, "winograd") == 0 ? Convolution::winograd : Convolution::direct;
+  return asked && std::strcmp(asked, "direct") == 0 ? Convolution::direct : Convolution::winograd;
 }
 
 EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int width, int batch,
@@ -122,6 +129,9 @@ EstimateNetwork::EstimateNetwork(const SrvggNetwork& network, int height, int wi
 
 void EstimateNetwork::Impl::build(const SrvggNetwork& network, Type activation, bool winograd) {
   layers.clear();
+  attributes.set_scratchpad_mode(dnnl::scratchpad_mode::user);
+  size_t scratchpadBytes = 1;  // oneDNN refuses an empty memory
+  auto needs = [&](const auto& pd) { scratchpadBytes = std::max(scratchpadBytes, pd.scratchpad_desc().get_size()); };
   userInput = memory({{batch, 3, height, width}, Type::f32, Tag::nchw}, engine);
   memory::desc source({batch, 3, height, width}, activation, Tag::any);
   memory spares[2];
@@ -145,7 +155,8 @@ void EstimateNetwork::Impl::build(const SrvggNetwork& network, Type activation, 
     // PReLU runs as its own step in place: oneDNN 2.6 computes a
     // convolution with a fused PReLU post-op only in its reference
     // implementation, which is a hundred times slower.
-    const dnnl::convolution_forward::primitive_desc pd(desc, engine);
+    const dnnl::convolution_forward::primitive_desc pd(desc, attributes, engine);
+    needs(pd);
 
     Layer layer;
     layer.primitive = dnnl::convolution_forward(pd);
@@ -168,7 +179,8 @@ void EstimateNetwork::Impl::build(const SrvggNetwork& network, Type activation, 
     } else if (!conv.preluSlopes.empty()) {
       const memory::desc slopesDesc({1, conv.outputChannels, 1, 1}, Type::f32, Tag::nchw);
       const dnnl::prelu_forward::primitive_desc preluPd(
-          {dnnl::prop_kind::forward_inference, pd.dst_desc(), slopesDesc}, engine);
+          {dnnl::prop_kind::forward_inference, pd.dst_desc(), slopesDesc}, attributes, engine);
+      needs(preluPd);
       layer.prelu = dnnl::prelu_forward(preluPd);
       layer.slopes = memory(preluPd.weights_desc(), engine);
       memory userSlopes(slopesDesc, engine, const_cast<float*>(conv.preluSlopes.data()));
@@ -177,7 +189,11 @@ void EstimateNetwork::Impl::build(const SrvggNetwork& network, Type activation, 
     if (i == 0) {
       netInput = memory(pd.src_desc(), engine);
       reorderInput = pd.src_desc() != userInput.get_desc();
-      if (reorderInput) inputReorder = dnnl::reorder(userInput, netInput);
+      if (reorderInput) {
+        const dnnl::reorder::primitive_desc reorderPd(userInput, netInput, attributes);
+        needs(reorderPd);
+        inputReorder = dnnl::reorder(reorderPd);
+      }
     }
     // The next layer reads this layer's output exactly as it is laid out.
     source = pd.dst_desc();
@@ -186,7 +202,12 @@ void EstimateNetwork::Impl::build(const SrvggNetwork& network, Type activation, 
   }
   plainOutput = memory({{batch, lastChannels, height, width}, Type::f32, Tag::nchw}, engine);
   reorderOutput = layers.back().dst.get_desc() != plainOutput.get_desc();
-  if (reorderOutput) outputReorder = dnnl::reorder(layers.back().dst, plainOutput);
+  if (reorderOutput) {
+    const dnnl::reorder::primitive_desc reorderPd(layers.back().dst, plainOutput, attributes);
+    needs(reorderPd);
+    outputReorder = dnnl::reorder(reorderPd);
+  }
+  scratchpad = memory({{static_cast<memory::dim>(scratchpadBytes)}, Type::u8, Tag::a}, engine);
   stream.wait();
 }
 
@@ -198,18 +219,22 @@ void EstimateNetwork::infer(const float* input, float* output) {
   try {
     std::memcpy(n.userInput.get_data_handle(), input, sizeof(float) * 3 * plane * n.batch);
     if (n.reorderInput)
-      n.inputReorder.execute(n.stream, n.userInput, n.netInput);
+      n.inputReorder.execute(n.stream, {{DNNL_ARG_FROM, n.userInput},
+                                        {DNNL_ARG_TO, n.netInput},
+                                        {DNNL_ARG_SCRATCHPAD, n.scratchpad}});
     const memory& first = n.reorderInput ? n.netInput : n.userInput;
     const memory* source = &first;
     for (Layer& layer : n.layers) {
       layer.primitive.execute(n.stream, {{DNNL_ARG_SRC, *source},
                                          {DNNL_ARG_WEIGHTS, layer.weights},
                                          {DNNL_ARG_BIAS, layer.bias},
-                                         {DNNL_ARG_DST, layer.dst}});
+                                         {DNNL_ARG_DST, layer.dst},
+                                         {DNNL_ARG_SCRATCHPAD, n.scratchpad}});
       if (layer.slopes)
         layer.prelu.execute(n.stream, {{DNNL_ARG_SRC, layer.dst},
                                        {DNNL_ARG_WEIGHTS, layer.slopes},
-                                       {DNNL_ARG_DST, layer.dst}});
+                                       {DNNL_ARG_DST, layer.dst},
+                                       {DNNL_ARG_SCRATCHPAD, n.scratchpad}});
       if (!layer.blockSlopes.empty()) {
         n.stream.wait();
         preluBlocked(static_cast<float*>(layer.dst.get_data_handle()), layer.blockSlopes, n.batch,
@@ -217,7 +242,10 @@ void EstimateNetwork::infer(const float* input, float* output) {
       }
       source = &layer.dst;
     }
-    if (n.reorderOutput) n.outputReorder.execute(n.stream, n.layers.back().dst, n.plainOutput);
+    if (n.reorderOutput)
+      n.outputReorder.execute(n.stream, {{DNNL_ARG_FROM, n.layers.back().dst},
+                                         {DNNL_ARG_TO, n.plainOutput},
+                                         {DNNL_ARG_SCRATCHPAD, n.scratchpad}});
     n.stream.wait();
   } catch (const dnnl::error& error) {
     throw EstimateError::modelFailed(std::string("inference failed: ") + error.what());
@@ -247,12 +275,16 @@ void EstimateNetwork::infer(const float* input, float* output) {
     }
 }
 
-std::string EstimateNetwork::precisionText(Precision precision) {
-  return precision == Precision::bf16
-             ? "float32 I/O; BF16 weights and activations with float32 accumulation (oneDNN, CPU); "
-               "float16 model weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic"
-             : "float32 I/O; float32 weights, activations and accumulation (oneDNN, CPU); float16 model "
-               "weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic";
+std::string EstimateNetwork::precisionText(Precision precision, Convolution convolution) {
+  const std::string arithmetic =
+      precision == Precision::bf16
+          ? "BF16 weights and activations with float32 accumulation (oneDNN, CPU)"
+          : convolution == Convolution::winograd
+                ? "float32 weights, activations and accumulation (oneDNN, CPU; Winograd convolution "
+                  "after the first layer)"
+                : "float32 weights, activations and accumulation (oneDNN, CPU)";
+  return "float32 I/O; " + arithmetic +
+         "; float16 model weights widened; 8-bit sRGB source encoding; 8-bit premultiplied sRGB/alpha mosaic";
 }
 
 }  // namespace tarnbloom

@@ -24,10 +24,7 @@ class EstimateNetwork {
   // float32, unless TARNBLOOM_ESTIMATE_PRECISION=bf16 and the processor has
   // native BF16 arithmetic.
   static Precision defaultPrecision();
-  // Direct, unless TARNBLOOM_ESTIMATE_CONVOLUTION=winograd: oneDNN 2.6's
-  // Winograd kernels crashed the window's previews now and then (a fault
-  // inside the generated code while tabs were opened and closed), so they
-  // stay for the benchmark and those who ask until that is understood.
+  // Winograd, unless TARNBLOOM_ESTIMATE_CONVOLUTION=direct.
   static Convolution defaultConvolution();
   static bool processorHasBf16();
 
@@ -51,8 +48,8 @@ class EstimateNetwork {
   Convolution convolution() const { return m_convolution; }
   int upscale() const { return m_upscale; }
   // A truthful account of what is computed, for receipts.
-  std::string precisionText() const { return precisionText(m_precision); }
-  static std::string precisionText(Precision precision);
+  std::string precisionText() const { return precisionText(m_precision, m_convolution); }
+  static std::string precisionText(Precision precision, Convolution convolution);
 
  private:
   struct Impl;

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <random>
+#include <thread>
 
 #include "engine/estimate_network.h"
 #include "model_fixtures.h"
@@ -144,6 +146,29 @@ TEST(EstimateNetwork, WinogradStaysWithinALevelOfDirect) {
     EXPECT_GT(inside, static_cast<int>(out.size() / 2)) << "most of the output must be visible";
     EXPECT_LE(largest, 1.0);
     EXPECT_LE(sum / out.size(), 0.05);
+  }
+}
+
+// The window builds the network on whichever thread asks first and runs it
+// later from preview and export threads. oneDNN's own scratchpad belongs to
+// the thread that built a layer, so a network must carry its own.
+TEST(EstimateNetwork, RunsOnThreadsOtherThanTheOneThatBuiltIt) {
+  const auto files = testing::makeModel(64, 2, 4, true);
+  const SrvggNetwork net = SrvggNetwork::parse(files.param, files.bin);
+  for (const auto convolution : {EstimateNetwork::Convolution::direct, EstimateNetwork::Convolution::winograd}) {
+    const int h = 256, w = 256;
+    const std::vector<float> input = photoLike(h, w, 1);
+    std::vector<float> here(input.size() * 16), there(here.size());
+    auto network = std::make_unique<EstimateNetwork>(net, h, w, 1, EstimateNetwork::Precision::fp32, convolution);
+    network->infer(input.data(), here.data());
+    std::thread([&] { network->infer(input.data(), there.data()); }).join();
+    EXPECT_EQ(here, there);
+    // Built on a thread that is gone, run here.
+    std::thread([&] {
+      network = std::make_unique<EstimateNetwork>(net, h, w, 1, EstimateNetwork::Precision::fp32, convolution);
+    }).join();
+    network->infer(input.data(), there.data());
+    EXPECT_EQ(here, there);
   }
 }
 
