@@ -14,17 +14,23 @@
 
 namespace tarnbloom::bench {
 
-Photo samplePhoto(const std::string& jpegName) {
-  std::ifstream in(std::filesystem::path(TARNBLOOM_SOURCE_DIR) / "samples" / jpegName, std::ios::binary);
+Photo decodeJpeg(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
   std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), {});
   tjhandle tj = tjInitDecompress();
   int w = 0, h = 0, sub = 0, space = 0;
-  if (tjDecompressHeader3(tj, bytes.data(), bytes.size(), &w, &h, &sub, &space) != 0)
-    throw std::runtime_error("cannot read sample " + jpegName);
+  if (tjDecompressHeader3(tj, bytes.data(), bytes.size(), &w, &h, &sub, &space) != 0) {
+    tjDestroy(tj);
+    throw std::runtime_error("cannot read JPEG " + path.string());
+  }
   Photo photo{w, h, std::vector<uint8_t>(static_cast<size_t>(w) * h * 3)};
   tjDecompress2(tj, bytes.data(), bytes.size(), photo.rgb.data(), w, 0, h, TJPF_RGB, 0);
   tjDestroy(tj);
   return photo;
+}
+
+Photo samplePhoto(const std::string& jpegName) {
+  return decodeJpeg(std::filesystem::path(TARNBLOOM_SOURCE_DIR) / "samples" / jpegName);
 }
 
 Photo scaledPhoto(const Photo& src, int width, int height, double grainAmplitude) {

@@ -17,7 +17,9 @@ struct Photo {
   std::vector<uint8_t> rgb;
 };
 
-// A bundled sample photo (samples/NAME), decoded with libjpeg-turbo.
+// A JPEG file decoded with libjpeg-turbo (no colour management).
+Photo decodeJpeg(const std::filesystem::path& path);
+// A bundled sample photo (samples/NAME).
 Photo samplePhoto(const std::string& jpegName);
 
 // `photo` scaled to width × height by bilinear interpolation plus
